@@ -1,0 +1,15 @@
+// File copy and directory utilities; failures are reported here through printMessage.
+#pragma once
+#include <cstdint>
+
+void appendSlash(char* path);        // path buffer of 512 bytes
+void stripTrailingSlash(char* path);
+void cutToParentDir(char* path);
+int32_t pathExists(const char* path);
+int32_t getFileMode(const char* path, uint32_t* mode);
+int32_t isReadableFile(const char* path);
+int32_t canWritePath(const char* path);
+int32_t copyFile(const char* source, const char* destination);
+int32_t makeDirectory(const char* path, uint32_t mode);
+int32_t makeDirectoryTree(const char* path);
+int32_t ensureDirectory(const char* path, int32_t ask);

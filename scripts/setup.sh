@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Installs the packages that building and testing need (Debian, as root). Only what is missing.
+set -euo pipefail
+need=()
+for pkg in g++ cmake make zlib1g-dev libx11-dev libgtest-dev xvfb xauth zip unzip tar gzip util-linux procps; do
+  dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || need+=("$pkg")
+done
+if [ ${#need[@]} -gt 0 ]; then
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq "${need[@]}"
+fi

@@ -1,0 +1,71 @@
+// End-to-end harness: builds a distribution in a fresh sandbox and runs the real cvinst.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct RunOptions {
+    std::vector<std::string> args;   // arguments behind argv[0]
+    std::string argv0;               // as given to the program; empty: absolute path of dist/cvinst
+    std::string program;             // file to execute; empty: resolved from argv0 / cwd / PATH
+    std::string cwd;                 // empty: the distribution directory
+    // Environment changes on top of the harness default (PATH=/usr/local/bin:/usr/bin:/bin,
+    // HOME=sandbox, DISPLAY unset, LANG=C); nullopt unsets the variable.
+    std::map<std::string, std::optional<std::string>> env;
+    std::string input;               // written to standard input
+    bool closeInput = true;          // close standard input after the input (end of input)
+    bool unprivileged = false;       // run as uid/gid 65534
+    int timeoutSeconds = 30;         // the child is killed and the run marked timedOut after this
+};
+
+struct RunResult {
+    int exitStatus = -1;     // exit code, or -1 when killed by a signal
+    int signal = 0;          // terminating signal, 0 if none
+    bool timedOut = false;
+    std::string out;         // standard output
+    std::string err;         // standard error
+};
+
+struct DistOptions {
+    std::string package = "cvpack";   // "cvpack", "cvpacku", "cvpackd", "cvpackep", "cvpackepd" or "" for none
+    bool withLicense = true;
+    bool withMessageFile = true;
+    std::string payload;              // payload tree; empty: the demo payload of the repository
+};
+
+class InstallerTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Builds a distribution directory <sandbox>/<name> with cvmkdist; returns its path (no "/").
+    std::string makeDistribution(const DistOptions& options = DistOptions(), const std::string& name = "dist");
+    RunResult run(const RunOptions& options);
+
+    // File helpers (paths absolute or relative to the sandbox).
+    std::string path(const std::string& relative) const;
+    bool exists(const std::string& p) const;
+    bool isDirectory(const std::string& p) const;
+    bool isRegularFile(const std::string& p) const;
+    std::string readFile(const std::string& p) const;
+    void writeFile(const std::string& p, const std::string& content, unsigned mode = 0644) const;
+    void makeDirs(const std::string& p, unsigned mode = 0755) const;
+    unsigned modeOf(const std::string& p) const;
+    // Hands a tree to uid/gid 65534 (for runs with unprivileged = true).
+    void giveToNobody(const std::string& p) const;
+
+    std::string sandbox;   // fresh directory, world-searchable, removed after the test
+    std::string dist;      // the default distribution made in SetUp (<sandbox>/dist)
+};
+
+// Counts the non-overlapping occurrences of needle in haystack.
+int countOf(const std::string& haystack, const std::string& needle);
+
+// Absolute paths from the build: the built cvinst, cvmkdist, cdinst.cvb, the demo payload.
+std::string builtInstaller();
+std::string builtMkdist();
+std::string builtMessageFile();
+std::string demoPayload();
