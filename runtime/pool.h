@@ -12,6 +12,8 @@ void* memRealloc(void* p, uint32_t n);
 void* libAlloc(int32_t n);
 void libFree(void* p);
 void* libRealloc(void* p, int32_t n);
+// While set, libFree ignores every release (used while the process shuts down).
+void libSetShuttingDown(bool on);
 
 // Capacity of a sized block, read from its header.
 uint32_t memCapacity(const void* p);
