@@ -18,6 +18,10 @@ void fileSetArchiveDecompressor(int (*fn)(unsigned char* dest, unsigned long* de
 
 // Maps an errno value to a status code; unknown values give defaultCode.
 int32_t fileMapErrno(int err, int32_t defaultCode);
+// Tries to take one byte of fd for this reader (non-blocking exclusive lockf at offsets 0..1999,
+// first one that is free), then seeks back to 0. Returns the offset taken, or -1 when none was
+// (always so on a descriptor that is not open for writing).
+int32_t fileLockReaderByte(int fd);
 // For a path that names an archive member (with archive access on): 1 when the archive holds
 // the member, 0 when it does not. -1 when the path does not name an archive member.
 int32_t fileArchiveMemberExists(const char* path);
