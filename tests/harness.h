@@ -10,8 +10,9 @@
 struct RunOptions {
     std::vector<std::string> args;   // arguments behind argv[0]
     std::string argv0;               // as given to the program; empty: absolute path of dist/cvinst
-    std::string program;             // file to execute; empty: resolved from argv0 / cwd / PATH
-    std::string cwd;                 // empty: the distribution directory
+    std::string program;             // file to execute; empty: resolved from argv0 / cwd / PATH,
+                                     // and <dist>/cvinst when argv0 cannot be found that way
+    std::string cwd;                 // empty: the distribution directory; relative: in the sandbox
     // Environment changes on top of the harness default (PATH=/usr/local/bin:/usr/bin:/bin,
     // HOME=sandbox, DISPLAY unset, LANG=C); nullopt unsets the variable.
     std::map<std::string, std::optional<std::string>> env;
@@ -56,6 +57,11 @@ protected:
     unsigned modeOf(const std::string& p) const;
     // Hands a tree to uid/gid 65534 (for runs with unprivileged = true).
     void giveToNobody(const std::string& p) const;
+    bool isSymlink(const std::string& p) const;
+    // Target text of a symbolic link; empty when p is none.
+    std::string linkTarget(const std::string& p) const;
+    // Names in a directory, sorted, without "." and "..".
+    std::vector<std::string> listDir(const std::string& p) const;
 
     std::string sandbox;   // fresh directory, world-searchable, removed after the test
     std::string dist;      // the default distribution made in SetUp (<sandbox>/dist)
@@ -63,6 +69,18 @@ protected:
 
 // Counts the non-overlapping occurrences of needle in haystack.
 int countOf(const std::string& haystack, const std::string& needle);
+
+// True when every part occurs in text, each one behind the end of the one before.
+bool appearsInOrder(const std::string& text, const std::vector<std::string>& parts);
+
+// Input for a whole interactive run: Enter at the pause, "yes" to the agreement, the given
+// install directory, and Y to its creation.
+std::string interactiveAnswers(const std::string& installDir);
+
+// Turns the build-time switch that honours an agreement accepted in advance on in a copy of
+// the installer: patches the marker "EnableBypasEula#0" to "EnableBypasEula#1" in the file.
+// Returns the number of markers patched (1 for a proper build).
+int enableEulaBypass(const std::string& program);
 
 // Absolute paths from the build: the built cvinst, cvmkdist, cdinst.cvb, the demo payload.
 std::string builtInstaller();
