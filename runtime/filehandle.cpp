@@ -4,6 +4,7 @@
 #include "runtime/path.h"
 #include "runtime/pool.h"
 #include "runtime/zipreader.h"
+#include "runtime/status.h"
 
 #include <cerrno>
 #include <climits>
@@ -17,13 +18,6 @@
 namespace {
 
 const int32_t kPathSize = 512;
-const int32_t kOutOfMemory = -8;
-const int32_t kArchiveAccessOff = -2113;
-const int32_t kOpenFailed = -32;
-const int32_t kReadFailed = -33;
-const int32_t kWriteFailed = -34;
-const int32_t kCloseFailed = -35;
-const int32_t kInvalid = -52;
 
 const uint32_t kKindPlain = 1;
 const uint32_t kKindMember = 5;
@@ -170,9 +164,9 @@ int32_t missingFileCode(const char* path)
         char dir[kPathSize];
         strCopyBounded(dir, path, dirLength + 1);
         if (!entryExists(dir))
-            return -3;
+            return kPathNotFound;
     }
-    return -2;
+    return kFileNotFound;
 }
 
 }  // namespace
@@ -183,23 +177,23 @@ int32_t fileMapErrno(int err, int32_t defaultCode)
     case 0:
         return 0;
     case ENOENT:
-        return -2;
+        return kFileNotFound;
     case ENOTDIR:
-        return -3;
+        return kPathNotFound;
     case ENFILE:
     case EMFILE:
-        return -4;
+        return kTooManyOpenFiles;
     case EACCES:
     case ETXTBSY:
-        return -5;
+        return kAccessDenied;
     case ENOMEM:
-        return -8;
+        return kOutOfMemory;
     case EIO:
-        return -23;
+        return kIoError;
     case ENOSPC:
-        return -36;
+        return kDeviceFull;
     case EINVAL:
-        return -52;
+        return kInvalidParameter;
     default:
         return defaultCode;
     }
@@ -246,7 +240,7 @@ int32_t fileArchiveMemberExists(const char* path)
 int32_t fileOpen(const char* path, int32_t mode)
 {
     if (!path)
-        return kInvalid;
+        return kInvalidParameter;
     if (!initTable())
         return kOutOfMemory;
 
@@ -401,7 +395,7 @@ int32_t XXFH_POSIX::open(const char* path, int32_t mode)
     mode_t permissions = 0;
     int flags = openFlags(mode, &permissions);
     if (flags < 0)
-        return kInvalid;
+        return kInvalidParameter;
     int descriptor;
     do
         descriptor = ::open(path, flags | O_CLOEXEC, permissions);
@@ -461,7 +455,7 @@ int32_t XXFH_POSIX::seek(int32_t offset, int32_t whence)
 {
     int how = whence == 0 ? SEEK_SET : whence == 1 ? SEEK_CUR : whence == 2 ? SEEK_END : -1;
     if (how < 0)
-        return kInvalid;
+        return kInvalidParameter;
     off_t position = lseek(fd, offset, how);
     if (position < 0)
         return fileMapErrno(errno, kReadFailed);
@@ -528,7 +522,7 @@ int32_t XXFH_JAR::open(const char* path, int32_t mode)
     if (rc < 0)
         return rc;
     if (rc == 0)
-        return -2;
+        return kFileNotFound;
     return openMember(archive, member, mode);
 }
 

@@ -3,6 +3,7 @@
 #include "runtime/path.h"
 
 #include "runtime/filehandle.h"
+#include "runtime/status.h"
 
 #include <cctype>
 #include <cerrno>
@@ -40,7 +41,7 @@ int32_t readCurrentDirectory()
     char buf[kLongPathSize];
     if (!getcwd(buf, sizeof buf)) {
         gCwdCached = false;
-        return fileMapErrno(errno, -3);
+        return fileMapErrno(errno, kPathNotFound);
     }
     strCopyBounded(gPhysicalDir, buf, kLongPathSize);
     strCopyBounded(gLogicalDir, buf, kLongPathSize);
@@ -126,7 +127,7 @@ int32_t testExecutable(const char* candidate)
 {
     struct stat st;
     if (stat(candidate, &st) != 0 || S_ISDIR(st.st_mode) || (st.st_mode & 0111) == 0)
-        return -18;
+        return kNotExecutable;
     return 0;
 }
 
@@ -292,7 +293,7 @@ int32_t changeDirectory(const char* path)
     if (chdir(path) != 0) {
         int err = errno;
         strCopyBounded(gLogicalDir, savedLogical, kLongPathSize);
-        return fileMapErrno(err, -3);
+        return fileMapErrno(err, kPathNotFound);
     }
     char physical[kPathSize];
     if (getcwd(physical, sizeof physical))
@@ -408,17 +409,17 @@ int32_t pathResolve(char* out, const char* in, int32_t noFollow)
 int32_t pathSearch(char* out, const char* name, const char* listName, int32_t flags, int32_t outSize)
 {
     if (outSize <= 0)
-        return -2;
+        return kFileNotFound;
     size_t nameLength = strlen(name);
     out[0] = 0;
     if (strchr(name, '/')) {
         if (nameLength >= static_cast<size_t>(outSize))
-            return -2;
+            return kFileNotFound;
         strCopyBounded(out, name, outSize);
         if (testExecutable(out) == 0)
             return 0;
         out[0] = 0;
-        return -2;
+        return kFileNotFound;
     }
 
     const char* list;
@@ -433,7 +434,7 @@ int32_t pathSearch(char* out, const char* name, const char* listName, int32_t fl
                 return 0;
         }
         out[0] = 0;
-        return -2;
+        return kFileNotFound;
     }
 
     const char* p = list;
@@ -460,7 +461,7 @@ int32_t pathSearch(char* out, const char* name, const char* listName, int32_t fl
         ++p;
     }
     out[0] = 0;
-    return -2;
+    return kFileNotFound;
 }
 
 int32_t entryExists(const char* path)
@@ -481,7 +482,7 @@ int32_t removeDirectory(const char* path)
     strCopyBounded(copy, path, kLongPathSize);
     dropTrailingSlash(copy);
     if (rmdir(copy) != 0)
-        return fileMapErrno(errno, -3);
+        return fileMapErrno(errno, kPathNotFound);
     return 0;
 }
 

@@ -7,6 +7,7 @@
 // Library blocks (libAlloc) use the same header convention. Small and medium ones are carved
 // out of two POMAllocator pools, large ones come from the system; see libAlloc below.
 #include "runtime/pool.h"
+#include "runtime/status.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -17,8 +18,6 @@
 namespace {
 
 const uint32_t kBlockPrefix = alignof(std::max_align_t) < 16 ? 16 : alignof(std::max_align_t);
-const int32_t kOutOfMemory = -8;
-const int32_t kBadPointer = -3073;
 
 inline uint32_t readWord(const void* at) {
     uint32_t v;
@@ -335,15 +334,15 @@ void* POMAllocator::allocate(uint32_t n) {
 }
 
 int32_t POMAllocator::release(void* p) {
-    if (!p) return kBadPointer;
+    if (!p) return kBadPoolPointer;
     ChunkView c = chunkOf(p);
     if (!(c.flags() & kPooled)) {
-        if (c.flags() & kFree) return kBadPointer;
+        if (c.flags() & kFree) return kBadPoolPointer;
         if (releaseHook_) releaseHook_(c.header);
         else std::free(c.header);
         return 0;
     }
-    if ((c.flags() & kFree) || !impl_ || !impl_->freeLists) return kBadPointer;
+    if ((c.flags() & kFree) || !impl_ || !impl_->freeLists) return kBadPoolPointer;
     Pool pool{impl_, maxPooled_, blockSize_};
 
     if (c.prevOffset()) {

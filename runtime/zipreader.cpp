@@ -4,6 +4,7 @@
 #include "runtime/zipreader.h"
 
 #include "runtime/filehandle.h"
+#include "runtime/status.h"
 
 #include <cctype>
 #include <cstdlib>
@@ -11,13 +12,6 @@
 
 namespace {
 
-const int32_t kNotAnArchive = -4134;
-const int32_t kBadMethod = -4136;
-const int32_t kCorruptDirectory = -4137;
-const int32_t kReadFailed = -33;
-const int32_t kNotFound = -2;
-const int32_t kOutOfMemory = -8;
-const int32_t kArchiveAccessOff = -2113;
 
 const int32_t kTailBlock = 4096;
 const int32_t kEndRecordSize = 22;
@@ -301,7 +295,7 @@ int32_t zipReadMember(const char* archive, const char* member, ZipDecompressor d
         return rc;
     const ZipEntry* e = findEntry(dir, member, static_cast<uint32_t>(strlen(member)));
     if (!e)
-        return kNotFound;
+        return kFileNotFound;
 
     // Local header: 30 fixed bytes, then its own name and extra field, then the data.
     if (static_cast<int64_t>(e->localOffset) + kLocalHeaderSize > dir.fileSize)
