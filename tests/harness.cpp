@@ -204,6 +204,25 @@ std::string InstallerTest::makeDistribution(const DistOptions& options, const st
     return dir;
 }
 
+std::string InstallerTest::distributionWith(const std::string& package, const std::string& name) {
+    DistOptions options;
+    options.package = package;
+    return makeDistribution(options, name);
+}
+
+RunResult InstallerTest::runQuick(const std::string& input, const std::vector<std::string>& args,
+                                  const std::string& dir) {
+    RunOptions options;
+    if (!dir.empty()) {
+        options.argv0 = dir + "/cvinst";
+        options.cwd = dir;
+    }
+    options.args = {"-d", "-post-install"};
+    options.args.insert(options.args.end(), args.begin(), args.end());
+    options.input = input;
+    return run(options);
+}
+
 RunResult InstallerTest::run(const RunOptions& options) {
     RunResult result;
     std::string cwd = options.cwd.empty() ? dist : path(options.cwd);

@@ -45,6 +45,12 @@ protected:
     // Builds a distribution directory <sandbox>/<name> with cvmkdist; returns its path (no "/").
     std::string makeDistribution(const DistOptions& options = DistOptions(), const std::string& name = "dist");
     RunResult run(const RunOptions& options);
+    // A distribution <sandbox>/<name> holding the given package.
+    std::string distributionWith(const std::string& package, const std::string& name);
+    // Runs <dir>/cvinst from dir (default: the distribution of SetUp) with "-d -post-install"
+    // (no disk-space check, no X question) and the given arguments behind them.
+    RunResult runQuick(const std::string& input, const std::vector<std::string>& args = {},
+                       const std::string& dir = "");
 
     // File helpers (paths absolute or relative to the sandbox).
     std::string path(const std::string& relative) const;
@@ -72,6 +78,13 @@ int countOf(const std::string& haystack, const std::string& needle);
 
 // True when every part occurs in text, each one behind the end of the one before.
 bool appearsInOrder(const std::string& text, const std::vector<std::string>& parts);
+
+// Texts of the questions most runs pass through.
+inline const std::string kPause = "<ENTER> to continue...";
+inline const std::string kAgreeQuestion = "Do you agree to the above license terms? [yes or no]\n";
+inline const std::string kDirQuestion = "Install directory [";
+// Enter at the pause and "yes" to the agreement.
+inline const std::string kOpening = "\nyes\n";
 
 // Input for a whole interactive run: Enter at the pause, "yes" to the agreement, the given
 // install directory, and Y to its creation.
