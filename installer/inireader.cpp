@@ -3,51 +3,15 @@
 #include "installer/inireader.h"
 
 #include <cctype>
-#include <climits>
 
 #include "runtime/filehandle.h"
-#include "runtime/pool.h"
 
-static const char kCtrlZ = 26;
-
+// The text is read like any whole file; a final Ctrl-Z, which the read leaves out of the
+// length, is cut off the text as well.
 int32_t readWholeFile(const char* path, char** text, int32_t* length) {
-    *text = nullptr;
-    *length = 0;
-
-    int32_t handle = fileOpen(path, 0);
-    if (handle < 0) return handle;
-
-    int32_t size = fileSeek(handle, 0, 2);
-    if (size < 0) {
-        fileClose(handle, -1);
-        return size;
-    }
-    // size + 1 must stay representable.
-    char* buffer = size < INT32_MAX ? static_cast<char*>(libAlloc(size + 1)) : nullptr;
-    if (buffer == nullptr) {
-        fileClose(handle, -1);
-        return -8;
-    }
-
-    int32_t status = fileSeek(handle, 0, 0);
-    int32_t got = 0;
-    while (status >= 0 && got < size) {
-        status = fileRead(handle, buffer + got, static_cast<uint32_t>(size - got));
-        if (status > 0) got += status;
-        if (status == 0) break;  // the file became shorter since its size was taken
-    }
-    if (status < 0) {
-        libFree(buffer);
-        fileClose(handle, -1);
-        return status;
-    }
-
-    buffer[got] = '\0';
-    if (got > 0 && buffer[got - 1] == kCtrlZ) buffer[--got] = '\0';
-    fileClose(handle, -1);
-    *text = buffer;
-    *length = got;
-    return 0;
+    int32_t status = fileReadAll(path, text, length, 0, 0);
+    if (status == 0) (*text)[*length] = '\0';
+    return status;
 }
 
 static bool isLineEnd(char c) { return c == '\n' || c == '\r'; }
