@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -159,5 +160,17 @@ int32_t ensureDirectory(const char* path, int32_t ask) {
     // A failure to create has been reported by makeDirectory; whoever uses the directory
     // next finds out for itself.
     makeDirectoryTree(directory);
+    return 0;
+}
+
+int32_t formatPath(char* out, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int n = vsnprintf(out, kPathSize, format, args);
+    va_end(args);
+    if (n < 0 || n >= kPathSize) {
+        out[0] = '\0';
+        return 1;
+    }
     return 0;
 }

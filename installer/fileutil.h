@@ -13,3 +13,6 @@ int32_t copyFile(const char* source, const char* destination);
 int32_t makeDirectory(const char* path, uint32_t mode);
 int32_t makeDirectoryTree(const char* path);
 int32_t ensureDirectory(const char* path, int32_t ask);
+// Formats into a path buffer of 512 bytes; 1 (and an empty buffer) when the result would not
+// fit. A cut path would name some other file, so callers refuse it instead of using it.
+int32_t formatPath(char* out, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -3,6 +3,7 @@
 #include "installer/shellcmd.h"
 
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -96,13 +97,10 @@ void finishSpan(CommandText* text, int32_t start, char quote) {
     text->pos = start + newLength;
 }
 
-}  // namespace
-
-int32_t formatShellCommand(char* out, int32_t size, const char* format, ...) {
-    if (out == nullptr || size <= 0) return 1;
-    CommandText text = {out, size, 0, false};
-    va_list args;
-    va_start(args, format);
+// Formats behind the first `start` characters of out; the two public entries differ only there.
+int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_list args) {
+    if (out == nullptr || size <= 0 || start >= size) return 1;
+    CommandText text = {out, size, start, false};
 
     char spanQuote = '\0';   // quote character of the span of the format we are in, if any
     int32_t spanStart = 0;
@@ -122,6 +120,12 @@ int32_t formatShellCommand(char* out, int32_t size, const char* format, ...) {
             } else {
                 putSingleQuoted(&text, arg);
             }
+            f += 2;
+        } else if (c == '%' && f[1] == 'd') {
+            // Numbers are made of ordinary characters wherever they stand.
+            char number[16];
+            snprintf(number, sizeof(number), "%d", va_arg(args, int));
+            putText(&text, number);
             f += 2;
         } else if (spanQuote != '\0' && c == spanQuote) {
             finishSpan(&text, spanStart, spanQuote);
@@ -144,7 +148,6 @@ int32_t formatShellCommand(char* out, int32_t size, const char* format, ...) {
     }
     // A span the format never closes is still closed, so the shell sees one word.
     if (spanQuote != '\0') finishSpan(&text, spanStart, spanQuote);
-    va_end(args);
 
     if (text.overflow) {
         out[0] = '\0';
@@ -152,6 +155,25 @@ int32_t formatShellCommand(char* out, int32_t size, const char* format, ...) {
     }
     out[text.pos] = '\0';
     return 0;
+}
+
+}  // namespace
+
+int32_t formatShellCommand(char* out, int32_t size, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int32_t result = formatAt(out, size, 0, format, args);
+    va_end(args);
+    return result;
+}
+
+int32_t appendShellCommand(char* out, int32_t size, const char* format, ...) {
+    if (out == nullptr || size <= 0) return 1;
+    va_list args;
+    va_start(args, format);
+    int32_t result = formatAt(out, size, static_cast<int32_t>(strnlen(out, static_cast<size_t>(size))), format, args);
+    va_end(args);
+    return result;
 }
 
 int32_t runShell(const char* command) {
