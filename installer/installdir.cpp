@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -18,7 +17,9 @@
 
 namespace {
 
-enum { kPluginMajor = 10, kPluginMinor = 0, kPluginMicro = 0 };
+// Longest name that the later steps append to the installation directory, with room to spare:
+// "eclipse/plugins/com.corvane.eclipse.plugin_10.0.0" and "distribfilelist.YYYYMMDDhhmmss".
+enum { kInstallDirReserve = 64 };
 
 enum LoopResult { kSettled, kFailed, kAskAgain };
 
@@ -30,21 +31,6 @@ struct Layout {
     char macrosDir[kPathSize];
     char bitmapsDir[kPathSize];
 };
-
-// Formats into a path buffer; 1 when the result would not fit. A cut path would name some
-// other directory, so callers refuse it instead of using it.
-int32_t composePath(char* out, const char* format, ...) __attribute__((format(printf, 2, 3)));
-int32_t composePath(char* out, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    int n = vsnprintf(out, kPathSize, format, args);
-    va_end(args);
-    if (n < 0 || n >= kPathSize) {
-        out[0] = '\0';
-        return 1;
-    }
-    return 0;
-}
 
 int32_t endsInSlash(const char* path) {
     size_t length = strlen(path);
@@ -79,13 +65,13 @@ int32_t pluginDefault(char* out) {
     } else {
         parent[0] = '\0';
     }
-    return composePath(out, "%scorvplugin/", parent);
+    return formatPath(out, "%scorvplugin/", parent);
 }
 
 // Step 1: the preset directory, or the user's answer. 0, or 1 at end of input.
 int32_t readAnswer(const char* defaultDir, char* answer, int32_t preset) {
     if (preset) {
-        if (composePath(answer, "%s%s", gState.answers.destinationDir,
+        if (formatPath(answer, "%s%s", gState.answers.destinationDir,
                         endsInSlash(gState.answers.destinationDir) ? "" : "/") != 0) {
             // Reported with the other over-long answers by the caller.
             strCopyBounded(answer, gState.answers.destinationDir, kPathSize);
@@ -107,7 +93,7 @@ LoopResult makeAbsolute(const char* answer, char* absolute) {
         printMessage("Cannot determine the current directory for %s.", answer);
         return kFailed;
     }
-    if (composePath(absolute, "%s%s%s", cwd, endsInSlash(cwd) ? "" : "/", answer) != 0) {
+    if (formatPath(absolute, "%s%s%s", cwd, endsInSlash(cwd) ? "" : "/", answer) != 0) {
         printMessage("Install directory %s%s%s is too long.", cwd, endsInSlash(cwd) ? "" : "/", answer);
         return kFailed;
     }
@@ -118,17 +104,20 @@ LoopResult makeAbsolute(const char* answer, char* absolute) {
 int32_t deriveLayout(const char* answered, Layout* layout) {
     layout->pluginTarget[0] = '\0';
     if (gState.pluginMode == 1) {
-        if (composePath(layout->pluginTarget, "%seclipse/", answered) != 0) return 1;
-        if (composePath(layout->installDir, "%splugins/com.corvane.core_%d.%d.%d/", layout->pluginTarget,
-                        kPluginMajor, kPluginMinor, kPluginMicro) != 0) {
+        if (formatPath(layout->pluginTarget, "%seclipse/", answered) != 0) return 1;
+        if (formatPath(layout->installDir, "%splugins/com.corvane.core_%d.%d.%d/", layout->pluginTarget,
+                       kPluginMajor, kPluginMinor, kPluginMicro) != 0) {
             return 1;
         }
     } else {
         strCopyBounded(layout->installDir, answered, kPathSize);
     }
-    if (composePath(layout->binDir, "%sbin/", layout->installDir) != 0) return 1;
-    if (composePath(layout->macrosDir, "%smacros/", layout->installDir) != 0) return 1;
-    if (composePath(layout->bitmapsDir, "%sbitmaps/", layout->installDir) != 0) return 1;
+    // Room for the names that later steps make in it (the dated file list, the plug-in
+    // directories), so that none of them has to be cut.
+    if (strlen(layout->installDir) + kInstallDirReserve >= kPathSize) return 1;
+    if (formatPath(layout->binDir, "%sbin/", layout->installDir) != 0) return 1;
+    if (formatPath(layout->macrosDir, "%smacros/", layout->installDir) != 0) return 1;
+    if (formatPath(layout->bitmapsDir, "%sbitmaps/", layout->installDir) != 0) return 1;
     return 0;
 }
 

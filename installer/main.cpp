@@ -7,11 +7,13 @@
 #include "installer/cmdline.h"
 #include "installer/console.h"
 #include "installer/installdir.h"
+#include "installer/links.h"
 #include "installer/locate.h"
 #include "installer/platform.h"
 #include "installer/screens.h"
 #include "installer/state.h"
 #include "installer/steps.h"
+#include "installer/unpack.h"
 #include "runtime/message.h"
 
 // Steps 8 to 19: the first failing step ends the chain.

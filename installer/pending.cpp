@@ -1,13 +1,12 @@
 // Steps whose modules are not built yet: each succeeds without doing anything, so that the
 // chain runs through to its end.
+#include "installer/eclipse.h"
 #include "installer/steps.h"
 
 int32_t queryEclipseLocation() { return 0; }
+int32_t layOutEclipsePlugin() { return 0; }
 int32_t backUpOldConfiguration() { return 0; }
-int32_t unpackDistribution() { return 0; }
-int32_t createLinks() { return 0; }
 int32_t updateMiscFiles() { return 0; }
 int32_t compileMacros() { return 0; }
 int32_t runPostInstall() { return 0; }
-void cleanupDistribution() {}
 void printCompletionNotes() {}

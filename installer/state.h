@@ -3,6 +3,8 @@
 #include <cstdint>
 
 enum { kPathSize = 512, kDistribDirSize = 1024 };
+// Version of the plug-in directories made in plug-in mode.
+enum { kPluginMajor = 10, kPluginMinor = 0, kPluginMicro = 0 };
 
 // Preset answers: tri-states hold -1 (not given), 0 (no) or 1 (yes).
 struct InstallAnswers {

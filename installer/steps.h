@@ -4,10 +4,7 @@
 
 int32_t queryEclipseLocation();
 int32_t backUpOldConfiguration();
-int32_t unpackDistribution();
-int32_t createLinks();
 int32_t updateMiscFiles();
 int32_t compileMacros();
 int32_t runPostInstall();
-void cleanupDistribution();
 void printCompletionNotes();

@@ -1,0 +1,6 @@
+// The editor as an Eclipse plug-in.
+#pragma once
+#include <cstdint>
+
+// Moves the unpacked plug-in tree to its versioned directories and registers it with Eclipse.
+int32_t layOutEclipsePlugin();

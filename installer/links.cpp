@@ -1,0 +1,49 @@
+// The "bin/cvt" link and the clean-up of the distribution directory.
+#include "installer/links.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "installer/console.h"
+#include "installer/shellcmd.h"
+#include "installer/state.h"
+#include "runtime/path.h"
+
+namespace {
+
+enum { kCommandSize = 4 * kDistribDirSize + 16 };
+
+}  // namespace
+
+int32_t createLinks() {
+    const char* const linkPath = "bin/cvt";
+    const char* const target = "cvtw";   // relative: resolves beside the link in bin
+    unlink(linkPath);                    // an older link or file of that name goes
+    printVerbose("Linking %s to %s\n", linkPath, target);
+    if (symlink(target, linkPath) != 0) {
+        printMessage("Cannot create symbolic link %s to %s.", linkPath, target);
+        return 1;
+    }
+    return 0;
+}
+
+void cleanupDistribution() {
+    if (!gState.cleanupAfterInstall) return;
+    printf("Cleaning up distribution files...\n");
+    if (gDistribDir[0] == '\0') return;
+
+    // Step out of the directory that is about to go. Any occurrence counts, not just a prefix.
+    char cwd[kPathSize];
+    if (getcwd(cwd, sizeof(cwd)) == nullptr) cwd[0] = '\0';
+    size_t length = strlen(cwd);
+    if (length > 0 && cwd[length - 1] != '/') strAppendBounded(cwd, "/", sizeof(cwd));
+    if (strstr(cwd, gDistribDir) != nullptr) {
+        // A failed change goes unreported: the removal works from inside as well.
+        if (chdir("/tmp") != 0) cwd[0] = '\0';
+    }
+
+    char command[kCommandSize];
+    if (formatShellCommand(command, sizeof(command), "rm -fr %s", gDistribDir) == 0) runShell(command);
+}

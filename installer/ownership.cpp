@@ -1,0 +1,32 @@
+// The super-user's installation belongs to the super-user, whoever owned the files in the
+// package or an earlier installation.
+#include "installer/ownership.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "installer/console.h"
+#include "installer/shellcmd.h"
+#include "installer/state.h"
+
+namespace {
+
+enum { kCommandSize = 4 * kPathSize + 32 };
+
+}  // namespace
+
+int32_t updateOwnership() {
+    uid_t user = getuid();
+    if (user != 0) return static_cast<int32_t>(user);
+    printf("Updating user and group file ownership. Please wait...\n");
+
+    char command[kCommandSize];
+    formatShellCommand(command, sizeof(command), "chown -R %d \"%s\"", 0, gState.installDir);
+    printVerbose("Updating macros user ownership: command=%s\n", command);
+    runShell(command);
+
+    formatShellCommand(command, sizeof(command), "chgrp -R %d \"%s\"", static_cast<int>(getgid()), gState.installDir);
+    printVerbose("Updating macros group ownership: command=%s\n", command);
+    return runShell(command);
+}

@@ -1,0 +1,187 @@
+// Verification of the unpacked distribution. Each line of the file list names a file relative
+// to the installation directory, its size and the sum of its bytes; the fields are taken from
+// the right, so names may hold blanks.
+#include "installer/verify.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "installer/console.h"
+#include "installer/state.h"
+#include "runtime/path.h"
+
+namespace {
+
+enum { kListLineSize = 512 };
+
+// One buffer serves every checksum; it grows to the largest file seen and is never shrunk.
+unsigned char* gChecksumBuffer = nullptr;
+int32_t gChecksumCapacity = 0;
+
+// Decimal text as a signed 32-bit number: out-of-range values saturate, anything that is not a
+// number reads as 0.
+int32_t toInt32(const char* text) {
+    long long value = strtoll(text, nullptr, 10);
+    if (value > INT32_MAX) return INT32_MAX;
+    if (value < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(value);
+}
+
+struct ListRecord {
+    const char* path;
+    int32_t size;
+    int32_t checksum;
+};
+
+// Splits a line (line end already cut off) in place: checksum behind the last blank, size
+// behind the blank before it, the path in front. Missing fields stay 0.
+void parseRecord(char* line, ListRecord* record) {
+    record->path = line;
+    record->size = 0;
+    record->checksum = 0;
+    char* blank = strrchr(line, ' ');
+    if (blank == nullptr) return;
+    *blank = '\0';
+    record->checksum = toInt32(blank + 1);
+    blank = strrchr(line, ' ');
+    if (blank == nullptr) return;
+    *blank = '\0';
+    record->size = toInt32(blank + 1);
+}
+
+// A listed name must stay below the installation directory: no ".." component.
+bool leavesInstallDir(const char* path) {
+    for (const char* p = path; (p = strstr(p, "..")) != nullptr; p += 2) {
+        bool startsComponent = p == path || p[-1] == '/';
+        bool endsComponent = p[2] == '\0' || p[2] == '/';
+        if (startsComponent && endsComponent) return true;
+    }
+    return false;
+}
+
+// Checks one record; 0 when it matches, 1 after reporting the mismatch.
+int32_t checkRecord(const ListRecord& record) {
+    char fullPath[kPathSize];
+    int n = snprintf(fullPath, sizeof(fullPath), "%s%s", gState.installDir, record.path);
+    if (n < 0 || n >= static_cast<int>(sizeof(fullPath))) {
+        printMessage("Error detected in %s%s. The name is too long.", gState.installDir, record.path);
+        return 1;
+    }
+    if (leavesInstallDir(record.path)) {
+        printMessage("Error detected in %s. The name leaves the installation directory.", fullPath);
+        return 1;
+    }
+    if (access(fullPath, R_OK | W_OK) != 0) {
+        printMessage("Insufficient access to %s. Read/Write access is required.", fullPath);
+        return 1;
+    }
+    struct stat info;
+    if (stat(fullPath, &info) != 0) {
+        printMessage("Cannot get stat information on %s.", fullPath);
+        return 1;
+    }
+    if (static_cast<long long>(record.size) != static_cast<long long>(info.st_size)) {
+        printMessage("Error detected in %s. Mismatched size: expected=%d actual=%d", fullPath, record.size,
+                     static_cast<int>(info.st_size));
+        return 1;
+    }
+    if (record.checksum == 0) return 0;
+    uint32_t actual = fileChecksum(fullPath, record.size);
+    if (actual != static_cast<uint32_t>(record.checksum)) {
+        printMessage("Error detected in %s. Mismatched checksum: expected=%u actual=%u", fullPath,
+                     static_cast<uint32_t>(record.checksum), actual);
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+uint32_t fileChecksum(const char* path, int32_t size) {
+    if (size > gChecksumCapacity) {
+        free(gChecksumBuffer);
+        long long wanted = static_cast<long long>(size) + 100;
+        gChecksumBuffer = wanted <= INT32_MAX ? static_cast<unsigned char*>(malloc(static_cast<size_t>(wanted)))
+                                              : nullptr;
+        gChecksumCapacity = gChecksumBuffer != nullptr ? static_cast<int32_t>(wanted) : 0;
+        if (gChecksumBuffer == nullptr) {
+            printMessage("Cannot allocation memory to check %s.", path);
+            return 0xFFFFFFFFu;
+        }
+    }
+    int fd = open(path, O_RDONLY);
+    if (fd < 0) {
+        printMessage("Cannot open file %s", path);
+        return 0xFFFFFFFFu;
+    }
+    ssize_t count = gChecksumCapacity > 0 ? read(fd, gChecksumBuffer, static_cast<size_t>(gChecksumCapacity)) : 0;
+    close(fd);
+    if (count != size) {
+        printMessage("Cannot read %s. Expected %d but only got %d.", path, size, static_cast<int>(count));
+        return 0xFFFFFFFFu;
+    }
+    uint32_t sum = 0;
+    for (ssize_t i = 0; i < count; i++) sum += gChecksumBuffer[i];
+    return sum;
+}
+
+int32_t verifyDistribution() {
+    printf("Checking distribution files. Please wait...\n");
+    char listPath[kPathSize];
+    strCopyBounded(listPath, gState.installDir, kPathSize);
+    strAppendBounded(listPath, "distribfilelist", kPathSize);
+    FILE* list = fopen(listPath, "r");
+    if (list == nullptr) {
+        printMessage("Unable to open distribution file %s", listPath);
+        return -1;
+    }
+    struct stat info;
+    if (stat(listPath, &info) != 0) {
+        fclose(list);
+        printMessage("Cannot get size of distribution file list %s.", listPath);
+        return -1;
+    }
+    const uint32_t totalBytes = static_cast<uint32_t>(info.st_size);
+
+    // The list is kept under a name that says when it was checked.
+    time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    char archiveName[kPathSize + 32];
+    snprintf(archiveName, sizeof(archiveName), "%s.%04d%02d%02d%02d%02d%02d", listPath, local.tm_year + 1900,
+             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+
+    uint32_t lastPercent = 99999;
+    uint32_t bytesRead = 0;
+    int32_t result = 0;
+    char line[kListLineSize];
+    while (fgets(line, sizeof(line), list) != nullptr) {
+        bytesRead += static_cast<uint32_t>(strlen(line));
+        uint32_t percent = totalBytes > 0 ? bytesRead * 100u / totalBytes : 100u;
+        if (percent != lastPercent) {
+            lastPercent = percent;
+            printProgress("   %d%%", static_cast<int>(percent));
+        }
+        char* lineEnd = strchr(line, '\n');
+        if (lineEnd != nullptr) *lineEnd = '\0';
+        ListRecord record;
+        parseRecord(line, &record);
+        if (record.size == 0 && record.checksum == 0) continue;
+        if (checkRecord(record) != 0) {
+            result = -1;
+            break;
+        }
+    }
+    if (result == 0) printProgress("%s", "");
+    fclose(list);
+    rename(listPath, archiveName);
+    return result;
+}
