@@ -3,13 +3,17 @@
 #include <cstdlib>
 
 #include "installer/answers.h"
+#include "installer/backup.h"
 #include "installer/checks.h"
 #include "installer/cmdline.h"
 #include "installer/console.h"
 #include "installer/installdir.h"
 #include "installer/links.h"
 #include "installer/locate.h"
+#include "installer/macros.h"
+#include "installer/miscfiles.h"
 #include "installer/platform.h"
+#include "installer/postinstall.h"
 #include "installer/screens.h"
 #include "installer/state.h"
 #include "installer/steps.h"

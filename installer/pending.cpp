@@ -5,8 +5,4 @@
 
 int32_t queryEclipseLocation() { return 0; }
 int32_t layOutEclipsePlugin() { return 0; }
-int32_t backUpOldConfiguration() { return 0; }
-int32_t updateMiscFiles() { return 0; }
-int32_t compileMacros() { return 0; }
-int32_t runPostInstall() { return 0; }
-void printCompletionNotes() {}
+int32_t writeEclipseLaunchScript() { return 0; }

@@ -3,8 +3,3 @@
 #include <cstdint>
 
 int32_t queryEclipseLocation();
-int32_t backUpOldConfiguration();
-int32_t updateMiscFiles();
-int32_t compileMacros();
-int32_t runPostInstall();
-void printCompletionNotes();

@@ -1,0 +1,168 @@
+// Generated configuration: the user's alias file, the project file, the environment INI file
+// and the rescue copy of the state file.
+#include "installer/miscfiles.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "installer/console.h"
+#include "installer/fileutil.h"
+#include "installer/state.h"
+#include "installer/timestamps.h"
+#include "runtime/path.h"
+
+namespace {
+
+// The environment INI file; "%CVROOT%" is expanded by the editor when it starts.
+const char* const kEnvironmentIni[] = {
+    "; This INI file is intended to contain Corvane environment",
+    "; variables.",
+    ";",
+    "[Environment]",
+    "CORVPATH=%CVROOT%bin/:%CVROOT%:%CVROOT%macros/:%CVROOT%bitmaps/",
+    "CORVMACROS=%CVROOT%macros/",
+    "CORVINCLUDE=%CVROOT%macros/",
+    "CORVMISC=%CVROOT%",
+    "CORVBIN=%CVROOT%bin/",
+    "CORVBITMAPS=%CVROOT%bitmaps/",
+    "; Set CORVXNOBLINK to 1 to stop blinking cursor and reduce network traffic.",
+    ";CORVXNOBLINK=1",
+};
+
+// A line of the user's alias file that begins with this has come from an earlier merge. Only
+// these six characters of "\nfunctioncomment" are compared.
+const char kMergeMark[] = "\nfunct";
+
+// Renames by hard link and unlink, keeping the old name when the new one cannot be made.
+int32_t moveByLink(const char* from, const char* to) {
+    if (link(from, to) != 0) return 1;
+    if (unlink(from) != 0) {
+        unlink(to);
+        return 1;
+    }
+    return 0;
+}
+
+// Appends the whole of file to the open descriptor fd of target. A file that cannot be read
+// ends the installer: the alias file would be left half merged otherwise.
+void appendWholeFile(const char* file, int fd, const char* target) {
+    int in = open(file, O_RDONLY);
+    if (in < 0) {
+        printMessage("Cannot open %s", file);
+        exit(1);
+    }
+    struct stat info;
+    size_t length = fstat(in, &info) == 0 ? static_cast<size_t>(info.st_size) : 0;
+    char* content = static_cast<char*>(malloc(length > 0 ? length : 1));
+    if (content == nullptr) {
+        printMessage("Cannot allocate memory to read file %s.", file);
+        exit(1);
+    }
+    if (read(in, content, length) != static_cast<ssize_t>(length)) {
+        printMessage("Cannot read file %s.", file);
+        exit(1);
+    }
+    close(in);
+    if (write(fd, content, length) != static_cast<ssize_t>(length))
+        printMessage("Cannot write file %s. Please check disk space.", target);
+    free(content);
+}
+
+// Reads the whole open file behind a leading line feed, so that its first line starts a line
+// like all the others. Null when it cannot be allocated or read whole.
+char* readBehindLineFeed(int fd, size_t* length) {
+    struct stat info;
+    if (fstat(fd, &info) != 0) return nullptr;
+    *length = static_cast<size_t>(info.st_size) + 1;
+    char* content = static_cast<char*>(malloc(*length));
+    if (content == nullptr) return nullptr;
+    content[0] = '\n';
+    if (read(fd, content + 1, *length - 1) != static_cast<ssize_t>(*length - 1)) {
+        free(content);
+        return nullptr;
+    }
+    return content;
+}
+
+}  // namespace
+
+int32_t updateAliasFile() {
+    printVerbose("Updating alias.crv:\n");
+    char alias[kPathSize];
+    char shipped[kPathSize];
+    formatPath(alias, "%salias.crv", gState.installDir);
+    formatPath(shipped, "%s$alias.crv", gState.installDir);
+
+    if (!pathExists(alias)) {
+        moveByLink(shipped, alias);
+        return 0;
+    }
+    int fd = open(alias, O_RDWR);
+    if (fd >= 0) {
+        size_t length = 0;
+        char* content = readBehindLineFeed(fd, &length);
+        if (content == nullptr) {
+            close(fd);
+            return 1;
+        }
+        bool merged = memmem(content, length, kMergeMark, sizeof(kMergeMark) - 1) != nullptr;
+        free(content);
+        if (!merged) {
+            lseek(fd, 0, SEEK_END);
+            printVerbose("Appending $alias.crv to alias.crv\n");
+            appendWholeFile(shipped, fd, alias);
+        }
+        close(fd);
+    }
+    unlink(shipped);
+    return 0;
+}
+
+int32_t createProjectFile() {
+    char project[kPathSize];
+    formatPath(project, "%suproject.crv", gState.installDir);
+    printVerbose("Creating uproject.crv: file=%s\n", project);
+    if (pathExists(project)) return 0;
+    int fd = open(project, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) return 0;
+    close(fd);
+    chmod(project, 0666);
+    return 0;
+}
+
+int32_t createEnvironmentIni() {
+    char ini[kPathSize];
+    formatPath(ini, "%scorv.ini", gState.binDir);
+    printVerbose("Creating corv.ini: file=%s\n", ini);
+    FILE* out = fopen(ini, "w");
+    if (out == nullptr) return 1;
+    for (const char* line : kEnvironmentIni) fprintf(out, "%s\n", line);
+    fclose(out);
+    chmod(ini, 0644);
+    return 0;
+}
+
+int32_t updateMiscFiles() {
+    printf("Updating misc files. Please wait...\n");
+    if (updateAliasFile() != 0) {
+        printMessage("Cannot update %salias.crv.", gState.installDir);
+        return 1;
+    }
+    createProjectFile();
+    if (createEnvironmentIni() != 0) {
+        printMessage("Cannot create %scorv.ini.", gState.binDir);
+        return 1;
+    }
+    char state[kPathSize];
+    char rescue[kPathSize];
+    formatPath(state, "%scorv.stu", gState.installDir);
+    formatPath(rescue, "%srescue.stu", gState.installDir);
+    if (copyFile(state, rescue) != 0) return 1;
+    timestampInstallation();
+    return 0;
+}
