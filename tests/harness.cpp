@@ -161,6 +161,12 @@ std::string builtMkdist() { return CVINST_BUILT_MKDIST; }
 std::string builtMessageFile() { return CVINST_BUILT_MESSAGES; }
 std::string demoPayload() { return CVINST_DEMO_PAYLOAD; }
 
+std::string shellQuoted(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
 void InstallerTest::SetUp() {
     // A run whose child ignores its input must not kill the harness with SIGPIPE.
     signal(SIGPIPE, SIG_IGN);
@@ -475,4 +481,35 @@ void InstallerTest::giveToNobody(const std::string& p) const {
     EXPECT_EQ(lchown(full.c_str(), kNobody, kNobody), 0) << full << ": " << strerror(errno);
     if (!S_ISDIR(st.st_mode)) return;
     for (const std::string& name : listDir(full)) giveToNobody(full + "/" + name);
+}
+
+std::string InstallerTest::copyPayload(const std::string& name, const std::string& from) {
+    std::string tree = path(name);
+    shell("cp -a " + shellQuoted(from.empty() ? demoPayload() : from) + " " + shellQuoted(tree) +
+          " && find " + shellQuoted(tree) + " -exec touch -h -d 2020-01-01 {} +");
+    return tree;
+}
+
+std::string InstallerTest::distributionFromTree(const std::string& tree, const std::string& name,
+                                                const std::string& package) {
+    DistOptions options;
+    options.package = "";
+    std::string dir = makeDistribution(options, name);
+    shell("tar -C " + shellQuoted(tree) + " -cf - . | gzip -c >" + shellQuoted(dir + "/" + package));
+    return dir;
+}
+
+void InstallerTest::shell(const std::string& command) const {
+    int status = system(command.c_str());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
+}
+
+long InstallerTest::mtimeOf(const std::string& p) const {
+    struct stat st;
+    return lstat(path(p).c_str(), &st) == 0 ? (long)st.st_mtime : -1;
+}
+
+uid_t InstallerTest::ownerOf(const std::string& p) const {
+    struct stat st;
+    return lstat(path(p).c_str(), &st) == 0 ? st.st_uid : (uid_t)-1;
 }

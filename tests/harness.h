@@ -4,6 +4,7 @@
 
 #include <map>
 #include <optional>
+#include <sys/types.h>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,18 @@ protected:
     // Names in a directory, sorted, without "." and "..".
     std::vector<std::string> listDir(const std::string& p) const;
 
+    // A copy of a payload tree (default: the demo payload) at <sandbox>/<name>, every entry
+    // dated 2020-01-01 so that whatever a run touches stands out.
+    std::string copyPayload(const std::string& name, const std::string& from = "");
+    // A distribution <sandbox>/<name> whose package is the tree packed as it stands by the
+    // system's tar and gzip: its own "distribfilelist" goes in, none is made.
+    std::string distributionFromTree(const std::string& tree, const std::string& name,
+                                     const std::string& package = "cvpack");
+    // Runs a shell command line and expects it to succeed.
+    void shell(const std::string& command) const;
+    long mtimeOf(const std::string& p) const;
+    uid_t ownerOf(const std::string& p) const;
+
     std::string sandbox;   // fresh directory, world-searchable, removed after the test
     std::string dist;      // the default distribution made in SetUp (<sandbox>/dist)
 };
@@ -100,3 +113,5 @@ std::string builtInstaller();
 std::string builtMkdist();
 std::string builtMessageFile();
 std::string demoPayload();
+// The text as one single-quoted shell word.
+std::string shellQuoted(const std::string& text);
