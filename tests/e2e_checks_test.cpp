@@ -236,6 +236,31 @@ TEST_F(XServerTest, UnreachableServerWarnsAndAsks) {
     }
 }
 
+TEST_F(XServerTest, PostInstallStartsTheEditorOnlyWhereTheServerIsReachable) {
+    // Without a server the user goes on at the X question and gets the warning afterwards.
+    RunResult r = runChecks({"+post-install", "-destination-dir", path("nox")}, std::nullopt, "\ny\nyes\n");
+    EXPECT_EQ(r.exitStatus, 0) << r.out;
+    EXPECT_TRUE(appearsInOrder(r.out, {"\ndone\n", "Corvane Install: \n"
+                                       "Corvane Install: Cannot start post-installation because X server is not accessible.\n"
+                                       "Corvane Install: You will need to manually tag your C/C++ headers and Java source\n"
+                                       "Corvane Install: files to fully use our new Tagwise feature set.\n",
+                                       "INSTALLATION SUCCESSFULLY COMPLETED"})) << r.out;
+    EXPECT_FALSE(exists("nox/tagfiles"));
+    EXPECT_FALSE(exists("cv-started.log"));
+
+    std::string why;
+    std::string display = startXvfb(&why);
+    if (display.empty()) GTEST_SKIP() << why;
+    r = runChecks({"+post-install", "-v", "-destination-dir", path("x")}, display, kOpening);
+    EXPECT_EQ(r.exitStatus, 0) << r.out;
+    EXPECT_TRUE(appearsInOrder(r.out, {"Starting Corvane with post-installation.\nPlease wait for Corvane to come up...\n",
+                                       ">>> Post install: command=\"" + path("x") + "/bin/cv\" +new &\n",
+                                       "INSTALLATION SUCCESSFULLY COMPLETED"})) << r.out;
+    EXPECT_EQ(modeOf("x/tagfiles"), 0755u);
+    // The demo editor records each start in $HOME, which the harness points at the sandbox.
+    EXPECT_EQ(readFile("cv-started.log"), path("x") + "/bin/cv +new DISPLAY=" + display + "\n");
+}
+
 TEST_F(XServerTest, PluginModeDoesNotAskForTheXServer) {
     RunOptions options;
     options.argv0 = distributionWith("cvpackep", "plugin") + "/cvinst";

@@ -13,9 +13,10 @@ TEST_F(DriverTest, InteractiveRunSucceeds) {
     EXPECT_TRUE(appearsInOrder(r.out, {"INSTALLATION PROGRAM", kPause, kAgreeQuestion,
                                        "Install directory [/opt/corvane/]: ",
                                        "Directory " + path("inst") + "/ does not exist. Create [Y]? ",
-                                       "Skipping disk space check."}))
+                                       "Skipping disk space check.", "\ndone\n", "INSTALLATION SUCCESSFULLY COMPLETED",
+                                       "1. Type \"" + path("inst") + "/bin/cv\" to run Corvane.\n"}))
         << r.out;
-    EXPECT_TRUE(isDirectory("inst"));
+    EXPECT_TRUE(isSymlink("inst/bin/cvt"));
 }
 
 TEST_F(DriverTest, AgreementAcceptedInAdvanceCountsOnlyInAPatchedBuild) {
