@@ -7,6 +7,7 @@
 #include "installer/checks.h"
 #include "installer/cmdline.h"
 #include "installer/console.h"
+#include "installer/eclipse.h"
 #include "installer/installdir.h"
 #include "installer/links.h"
 #include "installer/locate.h"
@@ -16,7 +17,6 @@
 #include "installer/postinstall.h"
 #include "installer/screens.h"
 #include "installer/state.h"
-#include "installer/steps.h"
 #include "installer/unpack.h"
 #include "runtime/message.h"
 

@@ -141,8 +141,10 @@ TEST_F(InstallDirTest, PluginModeAsksForThePluginRootAndMakesTheVersionedCorePlu
     std::string plugin = distributionWith("cvpackep", "plugin");
     makeDirs("first");
     writeFile("blocked/eclipse", "a file where a directory has to go\n");
+    writeFile("ide/.eclipseproduct", "id=org.eclipse.platform\n");
+    const std::string opening = kOpening + path("ide") + "\n";
     // No, then a root whose layout cannot be made, then a new root.
-    RunResult r = runQuick(kOpening + path("first") + "\nn\n" + path("blocked") + "\ny\n" + path("good") + "\n\n",
+    RunResult r = runQuick(opening + path("first") + "\nn\n" + path("blocked") + "\ny\n" + path("good") + "\n\n",
                            {}, plugin);
     EXPECT_EQ(r.exitStatus, 0) << r.out;
     EXPECT_TRUE(appearsInOrder(r.out, {path("first") + " already exists. Continue [Y]? ", kDirQuestion,
@@ -156,7 +158,7 @@ TEST_F(InstallDirTest, PluginModeAsksForThePluginRootAndMakesTheVersionedCorePlu
     EXPECT_TRUE(isDirectory("good/eclipse/plugins/com.corvane.core_10.0.0"));
 
     // A preset root still asks before creating it; end of input there stops the run.
-    r = runQuick(kOpening, {"-destination-dir", path("corvplugin")}, plugin);
+    r = runQuick(opening, {"-destination-dir", path("corvplugin")}, plugin);
     EXPECT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitStatus, 1) << r.out;
     EXPECT_TRUE(appearsInOrder(r.out, {"\nDirectory " + path("corvplugin") + " does not exist. Create [Y]? ",

@@ -1,0 +1,226 @@
+// Plug-in mode. The package unpacks the editor into the versioned core plug-in directory with
+// its feature and plug-in descriptions below "eclipse/" there; the layout step moves them to
+// their versioned names beside the core plug-in and tells Eclipse where they are.
+#include "installer/eclipse.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "installer/console.h"
+#include "installer/fileutil.h"
+#include "installer/shellcmd.h"
+#include "installer/state.h"
+#include "runtime/message.h"
+#include "runtime/path.h"
+
+namespace {
+
+enum { kCommandSize = 8 * kPathSize };
+
+const char* const kStars = "*************************************************************";
+
+// Plug-in directories below "eclipse/" as unpacked; each gets the version behind its name.
+const char* const kPluginDirs[] = {
+    "features/com.corvane.plugin",
+    "plugins/com.corvane.core",
+    "plugins/com.corvane.eclipse.plugin",
+};
+
+// "Try again [Y]? ": 1 to try again, 0 on No or at end of input.
+int32_t tryAgain() {
+    int32_t answer = 1;
+    if (askYesNo("Try again [Y]? ", &answer, 1) != 0) return 0;
+    return answer;
+}
+
+// A text of the message file in a box, with argument 1 set to the path concerned.
+void showMessageBox(int32_t code, const char* path) {
+    if (path != nullptr) setMessageArg(1, path);
+    printWrapped(getMessage(code));
+}
+
+bool hasEclipseMarker(const char* dir) {
+    char marker[kPathSize];
+    strCopyBounded(marker, dir, kPathSize);
+    strAppendBounded(marker, ".eclipseproduct", kPathSize);
+    return pathExists(marker) != 0;
+}
+
+// A relative answer is taken from the current directory, which later steps leave.
+void makeAbsolute(char* dir) {
+    if (dir[0] == '/') return;
+    char absolute[kPathSize];
+    if (getcwd(absolute, sizeof(absolute)) == nullptr) return;
+    appendSlash(absolute);
+    strAppendBounded(absolute, dir, kPathSize);
+    strCopyBounded(dir, absolute, kPathSize);
+}
+
+// The plug-in root: the layout directory without its trailing "/eclipse/".
+void pluginRoot(char* root) {
+    strCopyBounded(root, gState.eclipsePluginTarget, kPathSize);
+    stripTrailingSlash(root);
+    char* lastSlash = strrchr(root, '/');
+    if (lastSlash != nullptr) lastSlash[lastSlash == root ? 1 : 0] = '\0';
+}
+
+// Creates the links directory, asking to try again while that fails. 0, or 1 when given up.
+int32_t ensureLinksDirectory(const char* links) {
+    if (pathExists(links)) return 0;
+    while (mkdir(links, 0777) != 0) {
+        showMessageBox(-416, links);
+        if (!tryAgain()) return 1;
+    }
+    return 0;
+}
+
+int32_t writeLinkFile(const char* links) {
+    char linkFile[kPathSize];
+    strCopyBounded(linkFile, links, kPathSize);
+    strAppendBounded(linkFile, "/com.corvane.eclipse.plugin.link", kPathSize);
+    int fd = open(linkFile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd < 0) {
+        printBoxed("Error creating link file (%d)", errno);
+        return 1;
+    }
+    char content[kPathSize + 8];
+    char root[kPathSize];
+    pluginRoot(root);
+    snprintf(content, sizeof(content), "path=%s", root);
+    size_t length = strlen(content);
+    ssize_t written = write(fd, content, length);
+    close(fd);
+    if (written != static_cast<ssize_t>(length)) {
+        printBoxed("Error creating link file (%d)", written < 0 ? errno : ENOSPC);
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int32_t queryEclipseLocation() {
+    printf("\n%s\n", kStars);
+    printf("* Please specify the location of your Eclipse or \n");
+    printf("* Websphere Studio installation.\n");
+    printf("*\n");
+    printf("* Example: /usr/lib/eclipse202/eclipse\n");
+    printf("%s\n", kStars);
+    for (;;) {
+        printf("\n");
+        char answer[kPathSize] = "";
+        if (promptDirectory("WebSphere or Eclipse location [%s]: ", answer) != 0) {
+            printMessage("Cannot query eclipse directory.");
+            return 1;
+        }
+        if (answer[0] == '\0') {
+            showMessageBox(-414, nullptr);
+        } else {
+            makeAbsolute(answer);
+            appendSlash(answer);
+            if (hasEclipseMarker(answer)) {
+                strCopyBounded(gState.eclipseLocation, answer, kPathSize);
+                return 0;
+            }
+            char below[kPathSize];
+            strCopyBounded(below, answer, kPathSize);
+            strAppendBounded(below, "eclipse/", kPathSize);
+            if (hasEclipseMarker(below)) {
+                strCopyBounded(gState.eclipseLocation, below, kPathSize);
+                return 0;
+            }
+            strAppendBounded(below, ".eclipseproduct", kPathSize);
+            showMessageBox(-405, below);
+        }
+        if (!tryAgain()) return 1;
+    }
+}
+
+int32_t layOutEclipsePlugin() {
+    char command[kCommandSize];
+    for (const char* name : kPluginDirs) {
+        char unpacked[kPathSize];
+        char versioned[kPathSize];
+        if (formatPath(unpacked, "%seclipse/%s", gState.installDir, name) != 0 ||
+            formatPath(versioned, "%seclipse/%s_%d.%d.%d", gState.installDir, name, kPluginMajor, kPluginMinor,
+                       kPluginMicro) != 0) {
+            continue;   // a path that does not fit the buffers cannot be moved by name
+        }
+        if (formatShellCommand(command, sizeof(command), "mv \"%s\" \"%s\"", unpacked, versioned) == 0)
+            runShell(command);
+    }
+    // The wildcard stays outside the quoting of the directory in front of it.
+    if (formatShellCommand(command, sizeof(command), "cp -fR %seclipse/* %s", gState.installDir,
+                           gState.eclipsePluginTarget) == 0)
+        runShell(command);
+
+    char links[kPathSize];
+    strCopyBounded(links, gState.eclipseLocation, kPathSize);
+    strAppendBounded(links, "links", kPathSize);
+    if (ensureLinksDirectory(links) != 0) return 1;
+    while (access(links, R_OK | W_OK | X_OK) != 0) {
+        printMessage("Insufficient access to create link file. Read/Write access is required for %s.", links);
+        if (!tryAgain()) return 1;
+    }
+    if (writeLinkFile(links) != 0) return 1;
+
+    if (formatShellCommand(command, sizeof(command), "rm -fr %seclipse", gState.installDir) == 0) runShell(command);
+    return 0;
+}
+
+int32_t writeEclipseLaunchScript() {
+    appendSlash(gState.eclipseLocation);
+    char script[kPathSize];
+    strCopyBounded(script, gState.eclipseLocation, kPathSize);
+    strAppendBounded(script, "eclipse-cv", kPathSize);
+
+    printf("\n\n%s\n", kStars);
+    printf("* The Corvane Plug-In requires that the following\n");
+    printf("* paths be in your LD_LIBRARY_PATH search path:\n");
+    printf("*\n");
+    printf("* %s\n", gState.binDir);
+    printf("* %s\n", gState.eclipseLocation);
+    printf("*\n");
+    printf("%s\n", kStars);
+    printf("\n");
+    printf("To simplify this requirement, the 'eclipse-cv' script with the proper\n");
+    printf("LD_LIBRARY_PATH settings will be created. We recommend starting\n");
+    printf("Eclipse using this script.\n");
+    printf("\n");
+
+    if (pathExists(script)) {
+        printf("%s already exists. ", script);
+        int32_t overwrite = 0;
+        if (askYesNo("Overwrite [N]? ", &overwrite, 0) != 0 || overwrite == 0) return 0;
+        if (access(script, R_OK | W_OK) != 0) {
+            printMessage("Insufficient access to overwrite %s. Read/Write access is required.\n", script);
+            tryAgain();   // asked, but the script is left alone either way
+            return 0;
+        }
+    }
+
+    char binDir[kPathSize];
+    strCopyBounded(binDir, gState.binDir, kPathSize);
+    stripTrailingSlash(binDir);
+    // Paths that need quoting get it, so the script also works from a directory with blanks.
+    char launch[kCommandSize];
+    if (formatShellCommand(launch, sizeof(launch), "LD_LIBRARY_PATH=%s:%s:$LD_LIBRARY_PATH %seclipse $*", binDir,
+                           gState.eclipseLocation, gState.eclipseLocation) != 0) {
+        printMessage("Error creating %s.\n", script);
+        return 0;
+    }
+    FILE* out = fopen(script, "w");
+    if (out == nullptr) {
+        printMessage("Error creating %s.\n", script);
+        return 0;
+    }
+    fprintf(out, "#!/bin/sh\n\n%s\n", launch);
+    fclose(out);
+    chmod(script, 0755);
+    return 0;
+}
