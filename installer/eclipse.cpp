@@ -38,10 +38,11 @@ int32_t tryAgain() {
     return answer;
 }
 
-// A text of the message file in a box, with argument 1 set to the path concerned.
+// A text of the message file in a box, with argument 1 set to the path concerned. The texts
+// carry their own line breaks, and a path must not be broken.
 void showMessageBox(int32_t code, const char* path) {
     if (path != nullptr) setMessageArg(1, path);
-    printWrapped(getMessage(code));
+    printBoxed("%s", getMessage(code));
 }
 
 bool hasEclipseMarker(const char* dir) {

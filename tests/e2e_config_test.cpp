@@ -22,9 +22,6 @@ protected:
                "\n\nNOTES:\n1. Type \"" + inst + "/bin/cv\" to run Corvane.\n2. You may want to add \"" + inst +
                "/bin/\" to your users' PATH.\n";
     }
-    static bool endsWith(const std::string& text, const std::string& tail) {
-        return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-    }
 };
 
 TEST_F(ConfigTest, UnattendedInstallWritesTheGeneratedFilesAndEndsWithTheNotes) {

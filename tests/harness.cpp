@@ -119,6 +119,10 @@ int countOf(const std::string& haystack, const std::string& needle) {
     return count;
 }
 
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
 bool appearsInOrder(const std::string& text, const std::vector<std::string>& parts) {
     size_t from = 0;
     for (const std::string& part : parts) {
@@ -160,6 +164,7 @@ std::string builtInstaller() { return CVINST_BUILT_INSTALLER; }
 std::string builtMkdist() { return CVINST_BUILT_MKDIST; }
 std::string builtMessageFile() { return CVINST_BUILT_MESSAGES; }
 std::string demoPayload() { return CVINST_DEMO_PAYLOAD; }
+std::string demoPluginPayload() { return CVINST_DEMO_PLUGIN_PAYLOAD; }
 
 std::string shellQuoted(const std::string& text) {
     std::string quoted = "'";

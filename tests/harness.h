@@ -89,6 +89,8 @@ protected:
 // Counts the non-overlapping occurrences of needle in haystack.
 int countOf(const std::string& haystack, const std::string& needle);
 
+bool endsWith(const std::string& text, const std::string& tail);
+
 // True when every part occurs in text, each one behind the end of the one before.
 bool appearsInOrder(const std::string& text, const std::vector<std::string>& parts);
 
@@ -113,5 +115,6 @@ std::string builtInstaller();
 std::string builtMkdist();
 std::string builtMessageFile();
 std::string demoPayload();
+std::string demoPluginPayload();
 // The text as one single-quoted shell word.
 std::string shellQuoted(const std::string& text);
