@@ -13,5 +13,8 @@ if [ "${1:-}" = "--plugin" ]; then
 fi
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc 2>/dev/null || echo 2)" --target dist
+if [ "$dist" = build/dist-plugin ]; then
+  echo "Eclipse location of this demo: $PWD/build/eclipse-demo"
+fi
 cd "$dist"
 exec ./cvinst "$@"
