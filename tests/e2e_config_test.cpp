@@ -105,17 +105,17 @@ TEST_F(ConfigTest, AnEarlierInstallationIsBackedUpAndMerged) {
 TEST_F(ConfigTest, MacrosAreCompiledInOneBatchOrOneByOne) {
     const struct {
         std::string list;          // cmacros.lst; "-" for none
-        std::string extraMacro;    // a further source, "name:content"
+        std::vector<std::string> extraMacros;   // further sources; "bad.e" does not parse
         std::string inst;
         std::vector<std::string> translatorRuns;   // what cvtw.log records
         std::vector<std::string> compiled, notCompiled;
     } rows[] = {
-        {"main.e\nkeys.e\n", "", "batch", {"[{bin}/cvtw][{macros}/main.e][-L][keys.e]"}, {"main.e", "keys.e"},
+        {"main.e\nkeys.e\n", {}, "batch", {"[{bin}/cvtw][{macros}/main.e][-L][keys.e]"}, {"main.e", "keys.e"},
          {"tags.e", "search.e"}},
-        {"main.e\nkeys.e", "", "nofinal", {"[{bin}/cvtw][{macros}/main.e][-L][keys.e]"}, {"main.e", "keys.e"}, {}},
-        {"main.e\nbad.e\n", "bad.e:broken( {", "failing", {"[{bin}/cvtw][{macros}/main.e][-L][bad.e]", "[{bin}/cvtw][{macros}/"},
+        {"main.e\nkeys.e", {}, "nofinal", {"[{bin}/cvtw][{macros}/main.e][-L][keys.e]"}, {"main.e", "keys.e"}, {}},
+        {"main.e\nbad.e\n", {"bad.e"}, "failing", {"[{bin}/cvtw][{macros}/main.e][-L][bad.e]", "[{bin}/cvtw][{macros}/"},
          {"main.e", "keys.e", "tags.e", "search.e"}, {"bad.e"}},
-        {"-", "x.E:x\nx.e.bak:x", "nolist", {"[{bin}/cvtw][{macros}/"}, {"main.e", "keys.e", "tags.e", "search.e"},
+        {"-", {"x.E", "x.e.bak"}, "nolist", {"[{bin}/cvtw][{macros}/"}, {"main.e", "keys.e", "tags.e", "search.e"},
          {"x.E", "x.e.bak"}},
     };
     int n = 0;
@@ -124,12 +124,8 @@ TEST_F(ConfigTest, MacrosAreCompiledInOneBatchOrOneByOne) {
         std::string tree = copyPayload("payload" + std::to_string(n++));
         if (row.list == "-") shell("rm " + shellQuoted(tree + "/cmacros.lst"));
         else writeFile(tree + "/cmacros.lst", row.list);
-        for (size_t at = 0; at < row.extraMacro.size();) {
-            size_t end = row.extraMacro.find('\n', at);
-            std::string item = row.extraMacro.substr(at, end == std::string::npos ? std::string::npos : end - at);
-            writeFile(tree + "/macros/" + item.substr(0, item.find(':')), item.substr(item.find(':') + 1));
-            at = end == std::string::npos ? row.extraMacro.size() : end + 1;
-        }
+        for (const std::string& name : row.extraMacros)
+            writeFile(tree + "/macros/" + name, name == "bad.e" ? "broken(\n" : "fine()\n");
         std::string dir = makeDistribution({"cvpack", true, true, tree}, "dist" + std::to_string(n));
         const std::string inst = path(row.inst), macros = inst + "/macros";
         RunResult r = install(inst, "", {"-v"}, dir);

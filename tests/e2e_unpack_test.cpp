@@ -162,15 +162,22 @@ TEST_F(UnpackTest, BrokenPackagesAreCaughtByVerification) {
     EXPECT_EQ(r.out.find("Checking distribution files"), std::string::npos);
 }
 
-TEST_F(UnpackTest, OneDotForEveryMegabyteOfTheStreamAndNoVerificationWithS) {
+TEST_F(UnpackTest, WithoutVerificationADotPerMegabyteAndTarKeepsMembersInside) {
+    // A package of more than 5 MB, with members "../escaped.txt" and "<sandbox>/abs/abs.txt", a
+    // link to a directory outside and a member "link/x" behind it appended.
     std::string tree = copyPayload("big");
     shell("head -c 5242880 /dev/urandom >" + shellQuoted(tree + "/docs/big.bin"));
     std::string dir = makeDistribution({"cvpack", true, true, tree}, "bigdist");
-    shell("gzip -dc " + shellQuoted(dir + "/cvpack") + " | wc -c >" + shellQuoted(path("streamsize")));
+    makeDirs("outside");
+    for (const char* file : {"escaped.txt", "abs/abs.txt", "extra/x"}) writeFile(file, "packed\n");
+    shell("cd " + shellQuoted(sandbox) + " && gzip -dc bigdist/cvpack >evil.tar && (cd abs && tar -rPf ../evil.tar " +
+          "../escaped.txt " + shellQuoted(path("abs/abs.txt")) + ") && ln -s " + shellQuoted(path("outside")) +
+          " link && tar -rf evil.tar link && tar -rf evil.tar --transform 's,^extra,link,' extra/x && " +
+          "gzip -c evil.tar >bigdist/cvpack && rm escaped.txt && echo original >abs/abs.txt");
     // The installer reads 10240-byte blocks and prints a dot once more than 1000000 bytes went by.
-    long stream = std::stol(readFile("streamsize")), since = 0;
+    long since = 0;
     int dots = 0;
-    for (long left = stream; left > 0; left -= 10240) {
+    for (long left = (long)readFile("evil.tar").size(); left > 0; left -= 10240) {
         since += std::min(left, 10240L);
         if (since > 1000000) dots++, since = 0;
     }
@@ -182,28 +189,11 @@ TEST_F(UnpackTest, OneDotForEveryMegabyteOfTheStreamAndNoVerificationWithS) {
     EXPECT_EQ(r.out.find("Checking distribution files"), std::string::npos);
     EXPECT_TRUE(isRegularFile("inst/distribfilelist"));
     EXPECT_EQ(readFile("inst/docs/big.bin"), readFile(tree + "/docs/big.bin"));
-}
-
-TEST_F(UnpackTest, TarKeepsMembersInsideTheInstallationDirectory) {
-    // Members named "../escaped.txt" and "<sandbox>/abs/abs.txt", and a link to a directory
-    // outside followed by a member "link/x" behind it, appended to a good package.
-    std::string dir = makeDistribution(DistOptions(), "evildist");
-    makeDirs("outside");
-    writeFile("escaped.txt", "packed\n");
-    writeFile("abs/abs.txt", "packed\n");
-    writeFile("extra/x", "packed\n");
-    shell("cd " + shellQuoted(sandbox) + " && gzip -dc evildist/cvpack >evil.tar && (cd abs && tar -rPf ../evil.tar ../escaped.txt " +
-          shellQuoted(path("abs/abs.txt")) + ") && ln -s " + shellQuoted(path("outside")) + " link && " +
-          "tar -rf evil.tar link && tar -rf evil.tar --transform 's,^extra,link,' extra/x && gzip -c evil.tar >evildist/cvpack");
-    shell("cd " + shellQuoted(sandbox) + " && rm escaped.txt && echo original >abs/abs.txt");
-    RunResult r = install(dir, path("inst"), {"-s"});
-    EXPECT_EQ(r.exitStatus, 0) << r.out;
     EXPECT_FALSE(exists("escaped.txt"));
     EXPECT_EQ(listDir("outside"), std::vector<std::string>{});
     EXPECT_EQ(readFile("abs/abs.txt"), "original\n");
     EXPECT_EQ(readFile("inst" + path("abs/abs.txt")), "packed\n");   // the leading "/" is dropped
     EXPECT_FALSE(exists("inst/link/x"));
-    EXPECT_TRUE(isRegularFile("inst/bin/cvtw"));
 }
 
 TEST_F(UnpackTest, UnprivilegedUserKeepsOwnershipAndCleanupRemovesAnyDistribution) {
