@@ -210,13 +210,10 @@ int32_t writeEclipseLaunchScript() {
     stripTrailingSlash(binDir);
     // Paths that need quoting get it, so the script also works from a directory with blanks.
     char launch[kCommandSize];
+    FILE* out = nullptr;
     if (formatShellCommand(launch, sizeof(launch), "LD_LIBRARY_PATH=%s:%s:$LD_LIBRARY_PATH %seclipse $*", binDir,
-                           gState.eclipseLocation, gState.eclipseLocation) != 0) {
-        printMessage("Error creating %s.\n", script);
-        return 0;
-    }
-    FILE* out = fopen(script, "w");
-    if (out == nullptr) {
+                           gState.eclipseLocation, gState.eclipseLocation) != 0 ||
+        (out = fopen(script, "w")) == nullptr) {
         printMessage("Error creating %s.\n", script);
         return 0;
     }

@@ -39,10 +39,8 @@ void cleanupDistribution() {
     if (getcwd(cwd, sizeof(cwd)) == nullptr) cwd[0] = '\0';
     size_t length = strlen(cwd);
     if (length > 0 && cwd[length - 1] != '/') strAppendBounded(cwd, "/", sizeof(cwd));
-    if (strstr(cwd, gDistribDir) != nullptr) {
-        // A failed change goes unreported: the removal works from inside as well.
-        if (chdir("/tmp") != 0) cwd[0] = '\0';
-    }
+    // A failed change goes unreported: the removal works from inside as well.
+    if (strstr(cwd, gDistribDir) != nullptr) (void)!chdir("/tmp");
 
     char command[kCommandSize];
     if (formatShellCommand(command, sizeof(command), "rm -fr %s", gDistribDir) == 0) runShell(command);
