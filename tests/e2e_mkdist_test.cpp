@@ -120,37 +120,6 @@ TEST_F(MkdistTest, CopiesInstallerMessagesAndLicence) {
     EXPECT_EQ(readFile(dist + "/license.txt"), readFile(demoPayload() + "/license.txt"));
 }
 
-TEST_F(MkdistTest, DemoListMatchesTheDemoPayload) {
-    makeDirs("x");
-    ASSERT_EQ(tar({"-xzf", dist + "/cvpack", "-C", path("x")}).exitStatus, 0);
-    std::istringstream lines(readFile("x/distribfilelist"));
-    std::string line, previous;
-    int files = 0;
-    while (std::getline(lines, line)) {
-        // Fields from the right: path (may hold blanks), size, sum.
-        size_t lastBlank = line.rfind(' ');
-        ASSERT_NE(lastBlank, std::string::npos) << line;
-        size_t sizeBlank = line.rfind(' ', lastBlank - 1);
-        ASSERT_NE(sizeBlank, std::string::npos) << line;
-        std::string name = line.substr(0, sizeBlank);
-        std::string content = readFile(demoPayload() + "/" + name);
-        uint32_t sum = 0;
-        for (unsigned char c : content) sum += c;
-        EXPECT_EQ(line.substr(sizeBlank + 1, lastBlank - sizeBlank - 1), std::to_string(content.size()))
-            << line;
-        EXPECT_EQ(line.substr(lastBlank + 1), std::to_string(sum)) << line;
-        EXPECT_EQ(readFile("x/" + name), content) << name;
-        EXPECT_LT(previous, name);
-        EXPECT_NE(name, "distribfilelist");
-        previous = name;
-        files++;
-    }
-    EXPECT_GE(files, 10);
-    EXPECT_NE(readFile("x/distribfilelist").find("docs/release notes.txt "), std::string::npos);
-    EXPECT_EQ(modeOf("x/bin/cvtw"), 0755u);
-    EXPECT_EQ(modeOf("x/bin/cv"), 0755u);
-}
-
 TEST_F(MkdistTest, RefusesAFileWhoseByteSumCannotBeVerified) {
     // 8421504 bytes of 0xff sum to 2147483520, the largest multiple of 255 that still fits;
     // one byte more goes past 2147483647.
