@@ -3,6 +3,9 @@
 #include <cstdint>
 #include <cstdio>
 
+// The line of 61 asterisks that frames the banner, boxes and the completion notes.
+inline constexpr char kStarLine[] = "*************************************************************";
+
 // Where questions read their answers; null means stdin. Tests point it elsewhere.
 extern FILE* gConsoleIn;
 

@@ -22,7 +22,6 @@ namespace {
 
 enum { kCommandSize = 8 * kPathSize };
 
-const char* const kStars = "*************************************************************";
 
 // Plug-in directories below "eclipse/" as unpacked; each gets the version behind its name.
 const char* const kPluginDirs[] = {
@@ -106,12 +105,12 @@ int32_t writeLinkFile(const char* links) {
 }  // namespace
 
 int32_t queryEclipseLocation() {
-    printf("\n%s\n", kStars);
+    printf("\n%s\n", kStarLine);
     printf("* Please specify the location of your Eclipse or \n");
     printf("* Websphere Studio installation.\n");
     printf("*\n");
     printf("* Example: /usr/lib/eclipse202/eclipse\n");
-    printf("%s\n", kStars);
+    printf("%s\n", kStarLine);
     for (;;) {
         printf("\n");
         char answer[kPathSize] = "";
@@ -180,14 +179,14 @@ int32_t writeEclipseLaunchScript() {
     strCopyBounded(script, gState.eclipseLocation, kPathSize);
     strAppendBounded(script, "eclipse-cv", kPathSize);
 
-    printf("\n\n%s\n", kStars);
+    printf("\n\n%s\n", kStarLine);
     printf("* The Corvane Plug-In requires that the following\n");
     printf("* paths be in your LD_LIBRARY_PATH search path:\n");
     printf("*\n");
     printf("* %s\n", gState.binDir);
     printf("* %s\n", gState.eclipseLocation);
     printf("*\n");
-    printf("%s\n", kStars);
+    printf("%s\n", kStarLine);
     printf("\n");
     printf("To simplify this requirement, the 'eclipse-cv' script with the proper\n");
     printf("LD_LIBRARY_PATH settings will be created. We recommend starting\n");

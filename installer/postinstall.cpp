@@ -13,7 +13,6 @@ namespace {
 
 enum { kCommandSize = 4 * kPathSize + 16 };
 
-const char* const kStars = "*************************************************************";
 const char* const kPluginTitle = "Corvane Plug-In for WebSphere and Eclipse";
 
 // The editor builds its tag files on its first start, which needs the X server.
@@ -48,9 +47,9 @@ int32_t runPostInstall() {
 
 void printCompletionNotes() {
     printf("\n");
-    printf("%s\n", kStars);
+    printf("%s\n", kStarLine);
     printf("*           INSTALLATION SUCCESSFULLY COMPLETED              \n");
-    printf("%s\n", kStars);
+    printf("%s\n", kStarLine);
     printf("\n");
     if (gState.pluginMode == 1) {
         printf("Installation of %s was successful!\n", kPluginTitle);

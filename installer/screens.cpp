@@ -13,7 +13,6 @@
 
 namespace {
 
-const char* const kStars = "*************************************************************";
 // The title lines have no closing asterisk; their trailing blanks belong to them.
 const char* const kPluginTitle = "*       Corvane PLUG-IN INSTALLATION PROGRAM        ";
 const char* const kEditorTitle = "*           Corvane INSTALLATION PROGRAM            ";
@@ -30,12 +29,12 @@ int32_t showBanner() {
 
     int32_t count = 0;
     count += printf("\n\n");
-    count += printf("%s\n", kStars);
-    count += printf("%s\n", kStars);
+    count += printf("%s\n", kStarLine);
+    count += printf("%s\n", kStarLine);
     count += printf("%s\n", gState.pluginMode == 1 ? kPluginTitle : kEditorTitle);
     count += printf("*                       Version %s                    \n", gState.productVersion);
-    count += printf("%s\n", kStars);
-    count += printf("%s\n", kStars);
+    count += printf("%s\n", kStarLine);
+    count += printf("%s\n", kStarLine);
     count += printf("\n");
     count += printf("Estimated disk space needed:  %d MB (including %d MB for tag files)\n", totalMB,
                     totalMB - baseMB);
