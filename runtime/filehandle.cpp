@@ -223,7 +223,9 @@ int32_t fileOpen(const char* path, int32_t mode) {
     uint32_t kind = kKindPlain;
     char archive[kPathSize];
     char member[kPathSize];
-    if (gDecompressor) {
+    // A member path is recognised whether or not archive access is on; with access off the
+    // member open below refuses it, rather than the text being taken as a plain path.
+    {
         int32_t rc = splitArchivePath(path, archive, member);
         if (rc < 0) return rc;
         if (rc == 1) kind = kKindMember;

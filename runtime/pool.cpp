@@ -367,7 +367,6 @@ int32_t POMAllocator::release(void* p) {
         impl_->blocks[number - 1] = nullptr;
         if (releaseHook_) releaseHook_(start);
         else std::free(start);
-        blocksAllocated_--;
         if (impl_->firstBlock == 0) {
             std::free(impl_->freeLists);
             impl_->freeLists = nullptr;
