@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "installer/bytesum.h"
 #include "installer/console.h"
 #include "installer/state.h"
 #include "runtime/path.h"
@@ -128,9 +129,7 @@ uint32_t fileChecksum(const char* path, int32_t size) {
         printMessage("Cannot read %s. Expected %d but only got %d.", path, size, static_cast<int>(count));
         return 0xFFFFFFFFu;
     }
-    uint32_t sum = 0;
-    for (ssize_t i = 0; i < count; i++) sum += gChecksumBuffer[i];
-    return sum;
+    return byteSum(gChecksumBuffer, static_cast<size_t>(count));
 }
 
 int32_t verifyDistribution() {
