@@ -217,7 +217,10 @@ int32_t writeEclipseLaunchScript() {
         return 0;
     }
     fprintf(out, "#!/bin/sh\n\n%s\n", launch);
-    fclose(out);
+    if (fclose(out) != 0) {
+        printMessage("Error creating %s.\n", script);
+        return 0;
+    }
     chmod(script, 0755);
     return 0;
 }

@@ -110,7 +110,11 @@ int32_t copyFile(const char* source, const char* destination) {
         }
     }
     fclose(in);
-    fclose(out);
+    // Buffered data reaches the disk only here: a full disk shows at the close.
+    if (fclose(out) != 0) {
+        printMessage("Cannot write to %s from %s. Please check disk space.", destination, source);
+        return 1;
+    }
 
     // Permission problems do not fail the copy: the content is what matters.
     uint32_t mode = 0;

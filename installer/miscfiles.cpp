@@ -142,7 +142,8 @@ int32_t createEnvironmentIni() {
     FILE* out = fopen(ini, "w");
     if (out == nullptr) return 1;
     for (const char* line : kEnvironmentIni) fprintf(out, "%s\n", line);
-    fclose(out);
+    // A full disk shows when the buffered lines are written out at the close.
+    if (fclose(out) != 0) return 1;
     chmod(ini, 0644);
     return 0;
 }
