@@ -136,7 +136,7 @@ TEST_F(UnpackTest, BrokenPackagesAreCaughtByVerification) {
         std::string command;   // makes the bad package $P from the good one
         std::string message;
     } rows[] = {
-        {"truncated", "head -c " + std::to_string(size / 2) + " good/cvpack >\"$P\"", "Unable to open distribution file"},
+        {"truncated", "head -c " + std::to_string(size / 2) + " good/cvpack >\"$P\"", ". Mismatched size: expected="},
         {"corrupt", "cp good/cvpack \"$P\" && printf 'garbage!' | dd of=\"$P\" bs=1 seek=" + std::to_string(size / 3) +
                         " conv=notrunc 2>/dev/null", "Unable to open distribution file"},
         {"not-gzip", "printf 'this is no package at all\\n' >\"$P\"", "Unable to open distribution file"},

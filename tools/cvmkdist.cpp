@@ -339,11 +339,14 @@ int packTree(const Options& options, const std::vector<Entry>& entries, const st
     work = buffer.data();
     std::string staging = work + "/tree";
 
-    // Members in sorted order, directories before their contents, the list last.
+    // The list first, so that it is whole whenever anything was unpacked: a disk that fills
+    // up or a package cut short then leaves files that verification finds missing or short,
+    // not an empty list that checks nothing. Then the members in sorted order, directories
+    // before their contents.
     std::vector<std::string> members;
     for (const Entry& entry : entries) members.push_back(entry.path);
     std::sort(members.begin(), members.end());
-    members.push_back(kListName);
+    members.insert(members.begin(), kListName);
     std::string memberList;
     for (const std::string& member : members) {
         memberList += member;
