@@ -52,7 +52,7 @@ static PathTake takePathValue(int argc, char** argv, int* index, char* target) {
     return kTaken;
 }
 
-uint32_t parseCommandLine(int argc, char** argv) {
+int32_t scanCommandLine(int argc, char** argv) {
     // The answers-file presets stay; only the switches start afresh.
     gState.skipVerification = 0;
     gState.verbose = 0;
@@ -82,14 +82,21 @@ uint32_t parseCommandLine(int argc, char** argv) {
         } else if (isLongOption(arg, "eclipse-dir")) {
             if (takePathValue(argc, argv, &i, answers->eclipseDir) == kNoMoreArguments) break;
         } else if (strcmp(arg, "-h") == 0 || strcmp(arg, "-?") == 0) {
-            printUsage();
-            exit(0);
+            return 1;
         } else if (isLongOption(arg, "post-install")) {
             answers->postInstall = arg[0] == '+' ? 1 : 0;
         } else if (isLongOption(arg, "backup-dir")) {
             if (takePathValue(argc, argv, &i, answers->backupDir) == kNoMoreArguments) break;
         }
         // anything else is ignored without a message
+    }
+    return 0;
+}
+
+uint32_t parseCommandLine(int argc, char** argv) {
+    if (scanCommandLine(argc, argv) != 0) {
+        printUsage();
+        exit(0);
     }
     return 0;
 }
