@@ -1,4 +1,4 @@
-// Tests of the message file source and binary forms, the cvbc tool, and the shipped message file.
+// The message file source and binary forms, the cvbc tool, and the shipped message file.
 #include "tools/msgfile.h"
 
 #include <gtest/gtest.h>
@@ -15,15 +15,7 @@
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
 typedef std::vector<std::string> Strings;
-
-Strings parseErrors(const std::string& source) {
-    std::vector<MsgEntry> entries;
-    Strings errors;
-    EXPECT_FALSE(parseMessageSource(source, entries, errors));
-    return errors;
-}
 
 // Code and text of each entry, "code:text", for comparing entry lists in one go.
 Strings summary(const std::vector<MsgEntry>& entries) {
@@ -32,147 +24,98 @@ Strings summary(const std::vector<MsgEntry>& entries) {
     return out;
 }
 
-TEST(MessageSource, ReadsEntriesCommentsAndEscapes) {
-    std::vector<MsgEntry> entries;
+TEST(MessageSource, ParsesFormatsAndReportsBadLines) {
+    std::vector<MsgEntry> entries, read;
     Strings errors;
     ASSERT_TRUE(parseMessageSource("# heading\n\n0\tGeneric\n-2\tFile '%s1' not found.\\nSecond line\r\n"
-                                   "-7\t\\\\x\\t\\x41\\r \n-3\t\n-100000\tlast",
-                                   entries, errors))
-        << errors[0];
-    Strings expected = {"0:Generic", "-2:File '%s1' not found.\nSecond line", "-7:\\x\tA\r ", "-3:",
-                        "-100000:last"};
-    EXPECT_EQ(summary(entries), expected);
-    ASSERT_EQ(entries.size(), 5u);
-    EXPECT_EQ(entries[0].line, 3);
-    EXPECT_EQ(entries[4].line, 7);
-}
+                                   "-7\t\\\\x\\t\\x41\\r \n-3\t\n-100000\tlast", entries, errors));
+    EXPECT_EQ(summary(entries), (Strings{"0:Generic", "-2:File '%s1' not found.\nSecond line", "-7:\\x\tA\r ",
+                                         "-3:", "-100000:last"}));
+    EXPECT_TRUE(entries[0].line == 3 && entries[4].line == 7);
+    EXPECT_FALSE(parseMessageSource("0\tGeneric\nabc\tnot a code\n-2 no tab\n1\tpositive\n-2\tfirst\n# comment\n"
+                                    "-2\tagain\n-9\tbad \\q escape\n-10\ttrailing \\\n-11\t\\x4\n-12\t\\x00\n"
+                                    "-100001\ttoo low\n99999999999\toverflow\n-3\n", entries, errors = {}));
+    EXPECT_EQ(errors, (Strings{"line 2: code 'abc' is not a number", "line 3: code '-2 no tab' is not a number",
+                               "line 4: code 1 is positive; codes are 0 or negative",
+                               "line 7: code -2 already given on line 5", "line 8: unknown escape \\q",
+                               "line 9: backslash at the end of the text (write \\\\ for a backslash)",
+                               "line 10: \\x needs two hex digits", "line 11: a text cannot hold a NUL byte",
+                               "line 12: code -100001 is below -100000",
+                               "line 13: code 99999999999 is positive; codes are 0 or negative",
+                               "line 14: a TAB must separate the code from its text"}));
+    EXPECT_FALSE(parseMessageSource("-2\tFile not found.\n", entries, errors = {}));
+    EXPECT_EQ(errors, Strings{"no entry for code 0 (the text for codes without one of their own)"});
 
-TEST(MessageSource, ReportsEachBadLineWithItsNumber) {
-    EXPECT_EQ(parseErrors("0\tGeneric\nabc\tnot a code\n-2 no tab\n1\tpositive\n-2\tfirst\n# comment\n"
-                          "-2\tagain\n-9\tbad \\q escape\n-10\ttrailing \\\n-11\t\\x4\n-12\t\\x00\n"
-                          "-100001\ttoo low\n99999999999\toverflow\n-3\n"),
-              (Strings{"line 2: code 'abc' is not a number", "line 3: code '-2 no tab' is not a number",
-                       "line 4: code 1 is positive; codes are 0 or negative",
-                       "line 7: code -2 already given on line 5", "line 8: unknown escape \\q",
-                       "line 9: backslash at the end of the text (write \\\\ for a backslash)",
-                       "line 10: \\x needs two hex digits", "line 11: a text cannot hold a NUL byte",
-                       "line 12: code -100001 is below -100000",
-                       "line 13: code 99999999999 is positive; codes are 0 or negative",
-                       "line 14: a TAB must separate the code from its text"}));
-    EXPECT_EQ(parseErrors("-2\tFile not found.\n"),
-              Strings{"no entry for code 0 (the text for codes without one of their own)"});
-}
-
-TEST(MessageSource, FormatAndBinaryFormReadBackUnchanged) {
+    // Source and binary forms read back unchanged; the binary layout is little-endian with the
+    // texts behind the table.
     std::vector<MsgEntry> in = {{-5, "five", 0}, {0, "Generic", 0}, {-3, "", 0}, {-4, "# not a comment", 0},
                                 {-2, "back\\slash\nnew\tline\r\x01\x1f\x7f end ", 0}, {-6, "caf\xc3\xa9 100%% %s1", 0}};
-    std::string text = formatMessageSource(in);
+    std::string text = formatMessageSource(in), error;
     EXPECT_EQ(text.substr(0, 7), "-5\tfive");
     EXPECT_NE(text.find("\n-2\tback\\\\slash\\nnew\\tline\\r\\x01\\x1F\\x7F end \n"), std::string::npos) << text;
-    std::vector<MsgEntry> parsed, read;
-    Strings errors;
-    std::string error;
-    ASSERT_TRUE(parseMessageSource(text, parsed, errors));
-    EXPECT_EQ(summary(parsed), summary(in));
-    ASSERT_TRUE(readMessageFile(buildMessageFile(in), read, error)) << error;
-    EXPECT_EQ(summary(read), summary(in));
-}
-
-TEST(MessageBinary, LayoutIsLittleEndianWithTextsAfterTheTable) {
-    Bytes expected = {0x22, 0x11, 0, 0,        32, 0, 0, 0,              // magic, textBase
-                      0, 0, 0, 0,              0, 0, 0, 0,               // code 0 at 0
-                      0xFE, 0xFF, 0xFF, 0xFF,  2, 0, 0, 0,               // code -2 at 2
-                      0, 0, 0, 0,              0xFF, 0xFF, 0xFF, 0xFF,   // terminator
-                      'E', 0, 'N', 'f', 0};
-    EXPECT_EQ(buildMessageFile({{0, "E", 0}, {-2, "Nf", 0}}), expected);
-}
-
-TEST(MessageBinary, RejectsDamagedFiles) {
-    const Bytes good = buildMessageFile({{0, "E", 0}, {-2, "Nf", 0}});
-    auto changed = [&good](size_t at, unsigned char value, size_t size = 0) {
-        Bytes b(good.begin(), good.begin() + (size ? size : good.size()));
-        b[at] = value;
-        return b;
-    };
-    const struct { Bytes bytes; const char* error; } rows[] = {
-        {changed(0, 0x23), "not a message file (magic 4386 missing)"},
-        {changed(4, 8, 28), "entry table has no terminator"},  // texts read from the table itself
-        {changed(20, 5), "text of code -2 lies outside the file"},  // at the very end
-        {changed(good.size() - 1, 'x'), "text of code -2 is not terminated"},
-        {changed(4, 200), "text area starts outside the file"},
-    };
-    for (const auto& r : rows) {
-        std::vector<MsgEntry> out;
-        std::string error;
-        EXPECT_FALSE(readMessageFile(r.bytes, out, error)) << r.error;
-        EXPECT_EQ(error, r.error);
+    ASSERT_TRUE(parseMessageSource(text, entries, errors) && readMessageFile(buildMessageFile(in), read, error));
+    EXPECT_TRUE(summary(entries) == summary(in) && summary(read) == summary(in));
+    const std::vector<unsigned char> good = buildMessageFile({{0, "E", 0}, {-2, "Nf", 0}});
+    EXPECT_EQ(good, (std::vector<unsigned char>{0x22, 0x11, 0, 0, 32, 0, 0, 0,        // magic, textBase
+                                                0, 0, 0, 0, 0, 0, 0, 0,               // code 0 at 0
+                                                0xFE, 0xFF, 0xFF, 0xFF, 2, 0, 0, 0,   // code -2 at 2
+                                                0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF,   // terminator
+                                                'E', 0, 'N', 'f', 0}));
+    const struct { size_t at, size; unsigned char value; const char* error; } damages[] = {
+        {0, 37, 0x23, "not a message file (magic 4386 missing)"},
+        {4, 28, 8, "entry table has no terminator"},  // texts read from the table itself
+        {20, 37, 5, "text of code -2 lies outside the file"}, {36, 37, 'x', "text of code -2 is not terminated"},
+        {4, 37, 200, "text area starts outside the file"}};
+    for (const auto& d : damages) {
+        std::vector<unsigned char> bytes(good.begin(), good.begin() + d.size);
+        bytes[d.at] = d.value;
+        EXPECT_TRUE(!readMessageFile(bytes, read, error) && error == d.error) << d.error << ": " << error;
     }
 }
 
-// ---- the cvbc tool and the shipped message file ----
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
-class ToolTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/cvbctestXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = std::string(tmpl) + "/";
-    }
-    void TearDown() override {
-        for (const char* name : {"in.msg", "out.cvb", "again.cvb", "dump.msg", "err.txt", ""})
-            remove((dir + name).c_str());
-    }
-    // Runs cvbc with the given arguments; its exit status.
-    static int cvbc(const std::string& arguments) {
-        int status = std::system((std::string(CVINST_CVBC) + " " + arguments).c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    static std::string slurp(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    std::string dir;
-};
+// Runs cvbc with the given arguments; its exit status.
+int cvbc(const std::string& arguments) {
+    int status = std::system((std::string(CVINST_CVBC) + " " + arguments).c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
-TEST_F(ToolTest, CompileOfDumpGivesTheSameFile) {
+TEST(MessageTool, CompilesDumpsAndRefusesBadSources) {
+    char tmpl[] = "/tmp/cvbctestXXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    std::string dir = std::string(tmpl) + "/";
     ASSERT_EQ(cvbc("dump " CVINST_BUILT_MESSAGES " > " + dir + "dump.msg"), 0);
     ASSERT_EQ(cvbc("compile " + dir + "dump.msg " + dir + "again.cvb"), 0);
-    std::string original = slurp(CVINST_BUILT_MESSAGES);
-    ASSERT_FALSE(original.empty());
-    EXPECT_EQ(slurp(dir + "again.cvb"), original);
-}
-
-TEST_F(ToolTest, BadSourceFailsWithLineNumbers) {
+    EXPECT_TRUE(slurp(dir + "again.cvb") == slurp(CVINST_BUILT_MESSAGES) && !slurp(dir + "again.cvb").empty());
     ASSERT_TRUE(std::ofstream(dir + "in.msg") << "0\tok\n-2\tone\nx\tbad\n-2\ttwo\n");
     EXPECT_EQ(cvbc("compile " + dir + "in.msg " + dir + "out.cvb 2> " + dir + "err.txt"), 1);
-    std::string err = slurp(dir + "err.txt");
-    EXPECT_NE(err.find("in.msg: line 3: code 'x' is not a number"), std::string::npos) << err;
-    EXPECT_NE(err.find("in.msg: line 4: code -2 already given on line 2"), std::string::npos) << err;
+    EXPECT_EQ(slurp(dir + "err.txt"), "cvbc: " + dir + "in.msg: line 3: code 'x' is not a number\ncvbc: " + dir +
+                                          "in.msg: line 4: code -2 already given on line 2\n");
     EXPECT_EQ(access((dir + "out.cvb").c_str(), F_OK), -1);  // nothing written
-    EXPECT_EQ(cvbc("dump " + dir + "in.msg 2> /dev/null"), 1);  // not a message file
-    EXPECT_EQ(cvbc("2> /dev/null"), 2);
-}
+    EXPECT_TRUE(cvbc("dump " + dir + "in.msg 2> /dev/null") == 1 && cvbc("2> /dev/null") == 2);
+    EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0);
 
-TEST(ShippedMessages, CarriesEveryReportedCode) {
-    std::string built = CVINST_BUILT_MESSAGES;
-    std::string directory = built.substr(0, built.rfind('/') + 1);
+    // The shipped file carries a text of its own for every code the programs report.
+    std::string built = CVINST_BUILT_MESSAGES, directory = built.substr(0, built.rfind('/') + 1);
     setMessageFile(directory.c_str(), built.substr(directory.size()).c_str());
     reloadMessageFile();
     setMessageArg(1, "/opt/eclipse/eclipse/.eclipseproduct");
     std::string generic = getMessage(0);
-    EXPECT_EQ(generic, "Unexpected error.");
-    for (int32_t code : {-2,   -3,   -4,   -5,   -8,    -23,   -32,   -33,   -34,   -35,  -36,  -52, -54,
-                         -300, -302, -305, -306, -405,  -414,  -416,  -3073, -2113, -4134, -4136, -4137}) {
+    EXPECT_TRUE(generic == "Unexpected error." && getMessage(1) == generic);
+    for (int32_t code : {-2, -3, -4, -5, -8, -23, -32, -33, -34, -35, -36, -52, -54, -300, -302, -305, -306, -405,
+                         -414, -416, -3073, -2113, -4134, -4136, -4137}) {
         std::string text = getMessage(code);
-        EXPECT_NE(text, generic) << code;
-        EXPECT_EQ(text.find("Message file"), std::string::npos) << code << ": " << text;
-        EXPECT_EQ(text.find('%'), std::string::npos) << code << ": " << text;
+        EXPECT_TRUE(text != generic && text.find("Message file") == std::string::npos && text.find('%') == text.npos)
+            << code << ": " << text;
     }
     EXPECT_STREQ(getMessage(-3073), "Invalid pointer passed to the pool allocator.");
     std::string invalid = getMessage(-405);
-    EXPECT_NE(invalid.find("/opt/eclipse/eclipse/.eclipseproduct"), std::string::npos);
-    EXPECT_NE(invalid.find("not valid"), std::string::npos);
-    EXPECT_EQ(getMessage(1), generic);
+    EXPECT_TRUE(invalid.find("/opt/eclipse/eclipse/.eclipseproduct") != std::string::npos &&
+                invalid.find("not valid") != std::string::npos);
 }
 
 }  // namespace
