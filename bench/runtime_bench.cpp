@@ -1,9 +1,12 @@
-// Side-by-side timings of the runtime's allocators and file access against the plain C calls.
+// Side-by-side timings of the runtime library against the plain C calls: allocators, file
+// access, message texts and link resolution.
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +14,7 @@
 
 #include "runtime/filehandle.h"
 #include "runtime/message.h"
+#include "runtime/path.h"
 #include "runtime/pool.h"
 
 namespace {
@@ -119,6 +123,40 @@ void BM_GetMessageWithArgument(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(getMessage(-2));
 }
 
+// A chain of three links, /tmp/.../c -> b -> a -> sub/target, resolved to the target.
+std::string linkChain() {
+    static std::string start;
+    if (start.empty()) {
+        char dir[] = "/tmp/cvrt-bench-links-XXXXXX";
+        if (mkdtemp(dir) == nullptr) abort();
+        std::string base = dir;
+        if (mkdir((base + "/sub").c_str(), 0755) != 0) abort();
+        FILE* f = fopen((base + "/sub/target").c_str(), "w");
+        if (f == nullptr) abort();
+        fclose(f);
+        if (symlink("sub/target", (base + "/a").c_str()) != 0 || symlink("a", (base + "/b").c_str()) != 0 ||
+            symlink("b", (base + "/c").c_str()) != 0)
+            abort();
+        start = base + "/c";
+    }
+    return start;
+}
+
+void BM_PathResolve_LinkChain(benchmark::State& state) {
+    std::string start = linkChain();
+    char out[512];
+    for (auto _ : state) {
+        pathResolve(out, start.c_str(), 0);
+        benchmark::DoNotOptimize(out);
+    }
+}
+
+void BM_PathResolve_Realpath(benchmark::State& state) {
+    std::string start = linkChain();
+    char out[PATH_MAX];
+    for (auto _ : state) benchmark::DoNotOptimize(realpath(start.c_str(), out));
+}
+
 }  // namespace
 
 BENCHMARK(BM_SmallBlocks_Malloc);
@@ -128,4 +166,6 @@ BENCHMARK(BM_OpenReadClose_Posix);
 BENCHMARK(BM_OpenReadClose_Handles);
 BENCHMARK(BM_ReadWholeFile);
 BENCHMARK(BM_GetMessageWithArgument);
+BENCHMARK(BM_PathResolve_LinkChain);
+BENCHMARK(BM_PathResolve_Realpath);
 BENCHMARK_MAIN();
