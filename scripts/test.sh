@@ -16,3 +16,6 @@ ctest --test-dir build-asan --output-on-failure -j"$jobs" -L unit
 # installer exit with 86, which no test expects.
 ASAN_OPTIONS=exitcode=86 UBSAN_OPTIONS=exitcode=86:print_stacktrace=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -L e2e
+
+# Every fuzz target for 20 seconds from its seed corpus (clang, ASan + UBSan, build-fuzz/).
+bash scripts/fuzz.sh 20
