@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -27,6 +28,9 @@ TEST(ShellCommand, QuotingLimitsAndStatus) {
         EXPECT_EQ(formatShellCommand(out, row.size, row.format, row.arg), *row.expected ? 0 : 1) << row.expected;
         EXPECT_STREQ(out, row.expected);
     }
+    // The commands run in a directory of their own, where a "touch PWNED" that got through lands.
+    char here[4096], tmpl[] = "/tmp/cvinst-shell.XXXXXX";
+    ASSERT_TRUE(getcwd(here, sizeof here) && mkdtemp(tmpl) && chdir(tmpl) == 0);
     for (const std::string text : {"double\"quote", "single'quote", "back`touch PWNED`tick", "back\\slash",
                                    "semi;touch PWNED", "new\nline", "$(touch PWNED)", "star*", "-leading dash",
                                    "amp&and|pipe", "it's \"all\" $x `y` \\z;", "  trailing  ", "%d %s %%", ""}) {
@@ -43,6 +47,7 @@ TEST(ShellCommand, QuotingLimitsAndStatus) {
     }
     struct stat info;
     EXPECT_NE(stat("PWNED", &info), 0);
+    EXPECT_EQ(chdir(here) + system(("rm -rf " + std::string(tmpl)).c_str()), 0);
     int status = runShell("exit 3");
     EXPECT_TRUE(runShell("exit 0") == 0 && WIFEXITED(status) && WEXITSTATUS(status) == 3);
 }
