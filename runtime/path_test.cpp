@@ -208,6 +208,7 @@ TEST_F(PathTest, SearchAlongAList) {
     EXPECT_EQ(pathSearch(out, "cc", d4.c_str(), kList, size), -2);
     EXPECT_EQ(pathSearch(out, "c", d4.c_str(), kList, size), 0);
     EXPECT_EQ(std::string(out), at("d4/c"));
+    EXPECT_TRUE(pathSearch(out, (d4 + "/cc").c_str(), nullptr, 0, size) == -2 && !*out);  // emptied
     setenv("PATH", savedPath.c_str(), 1);
     unsetenv("CVRT_PATHTEST_LIST");
 }

@@ -49,7 +49,8 @@ TEST(MessageSource, ParsesFormatsAndReportsBadLines) {
     // Source and binary forms read back unchanged; the binary layout is little-endian with the
     // texts behind the table.
     std::vector<MsgEntry> in = {{-5, "five", 0}, {0, "Generic", 0}, {-3, "", 0}, {-4, "# not a comment", 0},
-                                {-2, "back\\slash\nnew\tline\r\x01\x1f\x7f end ", 0}, {-6, "caf\xc3\xa9 100%% %s1", 0}};
+                                {-2, "back\\slash\nnew\tline\r\x01\x1f\x7f end ", 0}, {-6, "caf\xc3\xa9 100%% %s1", 0},
+                                {-100000, "lowest", 0}};  // every byte of a code counts
     std::string text = formatMessageSource(in), error;
     EXPECT_EQ(text.substr(0, 7), "-5\tfive");
     EXPECT_NE(text.find("\n-2\tback\\\\slash\\nnew\\tline\\r\\x01\\x1F\\x7F end \n"), std::string::npos) << text;
