@@ -103,6 +103,13 @@ void collapseDots(const char* in, char* out, int32_t size) {
     strCopyBounded(out, work, size);
 }
 
+// The current directory can be noted in a path buffer, and so be returned to, only when it fits
+// one whole; a cut one names some other directory or none.
+bool cwdFits() {
+    return validateCwdCache() == 0 && strlen(gLogicalDir) < size_t(kPathSize) &&
+           strlen(gPhysicalDir) < size_t(kPathSize);
+}
+
 // Goes back to a directory noted earlier: the logical one, else the physical one.
 void returnTo(const char* logical, const char* physical) {
     if (changeDirectory(logical) != 0) changeDirectory(physical);
@@ -296,7 +303,7 @@ int32_t pathAbsolute(char* out, const char* in) {
     strCopyBounded(dir, path, dirLength + 1);
     dropTrailingSlash(dir);
     const char* name = path + dirLength;
-    if (changeDirectory(dir) == 0) {
+    if (cwdFits() && changeDirectory(dir) == 0) {
         char here[kPathSize];
         if (getCurrentDirectory(here, 0, 0) != 0) strCopyBounded(here, dir, kPathSize);
         joinPath(out, here, name, kPathSize);
@@ -335,7 +342,8 @@ int32_t pathResolve(char* out, const char* in, int32_t noFollow) {
     struct stat st;
     while (lstat(out, &st) == 0 && S_ISLNK(st.st_mode)) {
         if (hops == 0) {
-            if (getCurrentDirectory(logical, 0, 1) != 0 || getCurrentDirectory(physical, 0, 0) != 0) {
+            if (!cwdFits() || getCurrentDirectory(logical, 0, 1) != 0 ||
+                getCurrentDirectory(physical, 0, 0) != 0) {
                 strCopyBounded(out, kept, kPathSize);
                 return 0;
             }
