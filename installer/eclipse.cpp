@@ -46,8 +46,8 @@ void showMessageBox(int32_t code, const char* path) {
 
 bool hasEclipseMarker(const char* dir) {
     char marker[kPathSize];
-    strCopyBounded(marker, dir, kPathSize);
-    strAppendBounded(marker, ".eclipseproduct", kPathSize);
+    // A marker path cut short would name some other file, which must not count.
+    if (formatPath(marker, "%s.eclipseproduct", dir) != 0) return false;
     return pathExists(marker) != 0;
 }
 
