@@ -1,520 +1,187 @@
-// End-to-end harness: a fresh sandbox per test, distributions made by the built cvmkdist,
-// and runs of the real cvinst with a chosen argv[0], directory, environment and input.
+// End-to-end harness: runs the bash command lines of a case in a fresh sandbox with a copy of
+// the built demo distribution, and checks what they print and leave behind.
 #include "tests/harness.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <poll.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/types.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
+#include <cstddef>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 
 namespace {
 
-const uid_t kNobody = 65534;
+// Helpers for the command lines. The sandbox is $S, the distribution $D, the demo payloads $P
+// and $PP, the build directory $B (with dist-plugin/), the built $I, $MK and $MSG.
+const char kPrelude[] = R"SH(cd "$S"; D=$S/dist; B=${MSG%/*}; T='uname cp mv rm mkdir tar uncompress chgrp chown touch more'
+cvinst() { "$D/cvinst" "$@"; }
+q() { cvinst -d -post-install "$@"; }
+inst() { "$S/$1/cvinst" -d -post-install -destination-dir "$S/$2" "${@:3}"; }
+mkd() { "$MK" --payload "${2:-$P}" --package "${3:-cvpack}" --out "$S/$1" --installer "$I" --messages "$MSG" \
+  --license "$P/license.txt" >/dev/null; }
+tree() { cp -a "${2:-$P}" "$S/$1" && find "$S/$1" -exec touch -h -d 2020-01-01 {} +; }
+tard() { cp -a "$D" "$S/$1" && tar -C "$2" -cf - . | gzip -c >"$S/$1/cvpack"; }
+nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
+mnt() { mkdir -p "$1" && mount -t tmpfs -o "$2" tmpfs "$1" 2>/dev/null ||
+  { echo "skip: mounting a tmpfs is not permitted here"; exit 77; }; }
+sock() { perl -MIO::Socket::UNIX -e 'IO::Socket::UNIX->new(Local => $ARGV[0], Listen => 1) or die' "$1"; }
+tools() { local d=$S/$1 t; shift; mkdir -p "$d"; for t; do ln -s "$(command -v "$t")" "$d/$t"; done; }
+intact() { (cd "$S/$1" && ! find . -type f ! -name '$alias.crv' ! -exec cmp -s {} "$S/$2/{}" \; -print | grep -q .); }
+noise() { perl -e 'srand $ARGV[1]; my $b = pack "C*", map { rand 256 } 1..65536;
+  print substr($b x ($ARGV[0] / 65536 + 1), 0, $ARGV[0])' "$1" "$2" | tr -d "$3"; }
+xvfb() { local n x i; command -v Xvfb >/dev/null || { echo "skip: Xvfb is not installed"; exit 77; }
+  for n in $(seq $((40 + $$ % 400)) $((69 + $$ % 400))); do
+    [ -e /tmp/.X11-unix/X$n ] || [ -e /tmp/.X$n-lock ] && continue
+    Xvfb :$n -nolisten tcp </dev/null >/dev/null 2>&1 & x=$!
+    for i in $(seq 200); do
+      [ -e /tmp/.X11-unix/X$n ] && [ "$(tr -d ' ' </tmp/.X$n-lock 2>/dev/null)" = $x ] &&
+        { export DISPLAY=:$n; trap "kill $x; wait $x" EXIT; return; }
+      kill -0 $x 2>/dev/null || break; sleep 0.05; done
+    kill $x 2>/dev/null; wait $x; done
+  echo "skip: Xvfb could not be started on any free display"; exit 77; }
+)SH";
 
-int64_t nowMillis() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+struct RunResult {
+    int status = -1;   // exit status, 128 + n after signal n, -1 after the time limit
+    std::string out, err;
+};
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-void setNonBlocking(int fd) {
-    int flags = fcntl(fd, F_GETFL);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-}
-
-void closeFd(int* fd) {
-    if (*fd >= 0) close(*fd);
-    *fd = -1;
-}
-
-// Removes a tree even where the installer (or a test) took the permissions away.
-void removeTree(const std::string& p) {
-    struct stat st;
-    if (lstat(p.c_str(), &st) != 0) return;
-    if (S_ISDIR(st.st_mode)) {
-        chmod(p.c_str(), 0700);
-        if (DIR* dir = opendir(p.c_str())) {
-            std::vector<std::string> names;
-            while (struct dirent* entry = readdir(dir)) {
-                if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-                    names.push_back(entry->d_name);
-            }
-            closedir(dir);
-            for (const std::string& name : names) removeTree(p + "/" + name);
-        }
-        rmdir(p.c_str());
-    } else {
-        unlink(p.c_str());
+std::string expand(std::string text, const std::string& sandbox) {
+    for (size_t at = 0; (at = text.find('$', at)) != std::string::npos; at++) {
+        char name = at + 1 < text.size() ? text[at + 1] : 0, next = at + 2 < text.size() ? text[at + 2] : 0;
+        if ((name != 'S' && name != 'D') || isalnum((unsigned char)next) || next == '_') continue;
+        text.replace(at, 2, name == 'S' ? sandbox : sandbox + "/dist");
     }
+    return text;
 }
 
-// The environment handed to the installer: a small fixed base, sanitizer settings passed
-// through, then the test's own changes.
-std::map<std::string, std::string> childEnvironment(const std::string& home,
-                                                    const RunOptions& options) {
-    std::map<std::string, std::string> env;
-    env["PATH"] = "/usr/local/bin:/usr/bin:/bin";
-    env["HOME"] = home;
-    env["LANG"] = "C";
-    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-        if (const char* value = getenv(name)) env[name] = value;
-    }
-    for (const auto& change : options.env) {
-        if (change.second) env[change.first] = *change.second;
-        else env.erase(change.first);
-    }
-    return env;
+// statfs fails with the given error in this process and all that it starts.
+void failStatfs(int error) {
+    struct sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_statfs, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (error & SECCOMP_RET_DATA)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    struct sock_fprog program = {4, code};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+        _exit(125);
 }
 
-bool isExecutableFile(const std::string& p) {
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(p.c_str(), X_OK) == 0;
+// Runs bash with the prelude and the command in the sandbox, in a process group of its own that
+// is killed afterwards, with the input on standard input and the output in files beside the sandbox.
+RunResult run(const std::string& sandbox, const std::string& command, const std::string& input = "",
+              int statfsErrno = 0) {
+    std::vector<std::string> env = {"PATH=/usr/local/bin:/usr/bin:/bin", "HOME=" + sandbox, "LANG=C", "S=" + sandbox,
+                                    "I=" CVINST_BUILT_INSTALLER, "MK=" CVINST_BUILT_MKDIST, "MSG=" CVINST_BUILT_MESSAGES,
+                                    "P=" CVINST_DEMO_PAYLOAD, "PP=" CVINST_DEMO_PLUGIN_PAYLOAD};
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+        if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
+    std::string script = kPrelude + command, in = sandbox + ".in", out = sandbox + ".1", err = sandbox + ".2";
+    std::vector<char*> argv = {(char*)"bash", (char*)"-c", &script[0], nullptr}, envp;
+    for (std::string& entry : env) envp.push_back(&entry[0]);
+    envp.push_back(nullptr);
+    std::ofstream(in, std::ios::binary) << input;
+    RunResult result;
+    pid_t pid = fork(), done = 0;
+    if (pid == 0) {
+        setpgid(0, 0);
+        dup2(open(in.c_str(), O_RDONLY), 0);
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+        closefrom(3);   // nothing of the test runner's leaks into the run
+        if (statfsErrno != 0) failStatfs(statfsErrno);
+        execve("/bin/bash", argv.data(), envp.data());
+        _exit(127);
+    }
+    int status = 0;
+    for (int wait = 0; wait < 60000 && (done = waitpid(pid, &status, WNOHANG)) == 0; wait++) usleep(2000);
+    kill(-pid, SIGKILL);
+    if (done == 0) waitpid(pid, &status, 0);
+    if (done != 0) result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = readFile(out), result.err = readFile(err);
+    return result;
 }
 
-// Resolves argv[0] the way a shell would find the program: a name with "/" relative to the
-// working directory, a bare name along PATH (relative entries from the working directory).
-std::string resolveProgram(const std::string& argv0, const std::string& cwd,
-                           const std::map<std::string, std::string>& env) {
-    if (argv0.empty()) return "";
-    if (argv0[0] == '/') return argv0;
-    if (argv0.find('/') != std::string::npos) return cwd + "/" + argv0;
-    auto path = env.find("PATH");
-    if (path == env.end()) return "";
-    std::string list = path->second;
-    size_t start = 0;
-    while (start <= list.size()) {
-        size_t end = list.find(':', start);
-        if (end == std::string::npos) end = list.size();
-        std::string entry = list.substr(start, end - start);
-        if (!entry.empty()) {
-            std::string dir = entry[0] == '/' ? entry : cwd + "/" + entry;
-            std::string candidate = dir + "/" + argv0;
-            if (isExecutableFile(candidate)) return candidate;
-        }
-        start = end + 1;
+void expectOutput(const std::string& text, const std::vector<std::string>& fragments) {
+    size_t at = 0;
+    for (const std::string& fragment : fragments) {
+        char kind = fragment.empty() || strchr("!^$=", fragment[0]) == nullptr ? ' ' : fragment[0];
+        std::string body = fragment.substr(kind == ' ' ? 0 : 1);
+        size_t found = text.find(body, at), size = body.size();
+        bool ok = kind == '!'   ? found == std::string::npos
+                  : kind == '^' ? text.compare(0, size, body) == 0
+                  : kind == '$' ? text.size() >= size && text.compare(text.size() - size, size, body) == 0
+                  : kind == '=' ? text == body
+                                : found != std::string::npos;
+        if (ok && (kind == ' ' || kind == '^')) at = kind == '^' ? size : found + size;
+        EXPECT_TRUE(ok) << "fragment: " << fragment;
     }
-    return "";
 }
 
 }  // namespace
 
-int countOf(const std::string& haystack, const std::string& needle) {
-    if (needle.empty()) return 0;
-    int count = 0;
-    for (size_t at = haystack.find(needle); at != std::string::npos;
-         at = haystack.find(needle, at + needle.size()))
-        count++;
-    return count;
-}
-
-bool endsWith(const std::string& text, const std::string& tail) {
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-bool appearsInOrder(const std::string& text, const std::vector<std::string>& parts) {
-    size_t from = 0;
-    for (const std::string& part : parts) {
-        size_t at = text.find(part, from);
-        if (at == std::string::npos) return false;
-        from = at + part.size();
-    }
-    return true;
-}
-
-std::string interactiveAnswers(const std::string& installDir) {
-    return "\nyes\n" + installDir + "\ny\n";
-}
-
-int enableEulaBypass(const std::string& program) {
-    FILE* in = fopen(program.c_str(), "rb");
-    if (!in) return 0;
-    std::string content;
-    char block[65536];
-    size_t n;
-    while ((n = fread(block, 1, sizeof(block), in)) > 0) content.append(block, n);
-    fclose(in);
-    const std::string marker = "EnableBypasEula#0";
-    int patched = 0;
-    for (size_t at = content.find(marker); at != std::string::npos;
-         at = content.find(marker, at + marker.size())) {
-        content[at + marker.size() - 1] = '1';
-        patched++;
-    }
-    if (patched == 0) return 0;
-    FILE* out = fopen(program.c_str(), "r+b");
-    if (!out) return 0;
-    bool ok = fwrite(content.data(), 1, content.size(), out) == content.size();
-    ok = fclose(out) == 0 && ok;
-    return ok ? patched : 0;
-}
-
-std::string builtInstaller() { return CVINST_BUILT_INSTALLER; }
-std::string builtMkdist() { return CVINST_BUILT_MKDIST; }
-std::string builtMessageFile() { return CVINST_BUILT_MESSAGES; }
-std::string demoPayload() { return CVINST_DEMO_PAYLOAD; }
-std::string demoPluginPayload() { return CVINST_DEMO_PLUGIN_PAYLOAD; }
-
-std::string shellQuoted(const std::string& text) {
+std::string shq(const std::string& text) {
     std::string quoted = "'";
     for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return quoted + "'";
 }
 
-void InstallerTest::SetUp() {
-    // A run whose child ignores its input must not kill the harness with SIGPIPE.
-    signal(SIGPIPE, SIG_IGN);
+std::string demoFile(const std::string& name) { return readFile(CVINST_DEMO_PAYLOAD "/" + name); }
+
+TEST_P(E2E, Run) {
+    const Case& c = GetParam();
     char pattern[] = "/tmp/cvinst-e2e.XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr) << strerror(errno);
-    sandbox = pattern;
-    // Searchable for everybody, so that runs as uid 65534 can reach their own trees.
-    ASSERT_EQ(chmod(sandbox.c_str(), 0755), 0);
-    dist = makeDistribution();
-}
-
-void InstallerTest::TearDown() {
-    if (!sandbox.empty()) removeTree(sandbox);
-}
-
-std::string InstallerTest::makeDistribution(const DistOptions& options, const std::string& name) {
-    std::string dir = path(name);
-    std::string payload = options.payload.empty() ? demoPayload() : options.payload;
-    std::string license = payload + "/license.txt";
-    if (!isRegularFile(license)) license = demoPayload() + "/license.txt";
-    // Without a package the tree is packed all the same and the package removed afterwards.
-    std::string package = options.package.empty() ? "cvpack" : options.package;
-
-    RunOptions mk;
-    mk.program = builtMkdist();
-    mk.argv0 = builtMkdist();
-    mk.cwd = sandbox;
-    mk.args = {"--payload", payload, "--package", package, "--out", dir,
-               "--installer", builtInstaller()};
-    if (options.withMessageFile) {
-        mk.args.push_back("--messages");
-        mk.args.push_back(builtMessageFile());
+    const std::string sandbox = pattern;
+    // Searchable by everybody, for the runs as uid 65534; the distribution is the built one.
+    std::error_code error;
+    std::filesystem::permissions(sandbox, std::filesystem::perms(0755), error);
+    std::filesystem::copy(std::filesystem::path(CVINST_BUILT_MESSAGES).parent_path() / "dist", sandbox + "/dist",
+                          std::filesystem::copy_options::recursive, error);
+    ASSERT_FALSE(error) << error.message();
+    RunResult setup = c.setup.empty() ? RunResult{0, "", ""} : run(sandbox, expand(c.setup, sandbox)), r;
+    for (const auto& file : c.files) {
+        std::filesystem::path where = expand(file.first, sandbox);
+        std::filesystem::create_directories(where.parent_path());
+        std::ofstream(where, std::ios::binary) << expand(file.second, sandbox);
     }
-    if (options.withLicense) {
-        mk.args.push_back("--license");
-        mk.args.push_back(license);
-    }
-    RunResult r = run(mk);
-    EXPECT_EQ(r.exitStatus, 0) << "cvmkdist failed for " << dir << ":\n" << r.out << r.err;
-    if (options.package.empty()) unlink((dir + "/" + package).c_str());
-    return dir;
-}
+    if (setup.status == 0) r = run(sandbox, expand(c.command, sandbox), expand(c.input, sandbox), c.statfsErrno);
+    const std::string text = r.out + (r.err.empty() ? "" : "[stderr]\n" + r.err);
+    std::ofstream(sandbox + ".out", std::ios::binary) << text;
+    std::string checks = "O=$S.out\n";
+    for (size_t i = 0; i < c.checks.size(); i++)
+        checks += "(" + expand(c.checks[i], sandbox) + ") || echo \"check " + std::to_string(i + 1) + " failed\"\n";
+    RunResult checked = c.checks.empty() || setup.status != 0 ? RunResult{0, "", ""} : run(sandbox, checks);
+    // The sandbox goes, with whatever the case mounted in it, the latest mounts first.
+    std::ifstream mounts("/proc/mounts");
+    std::vector<std::string> points;
+    for (std::string device, point, rest; mounts >> device >> point && std::getline(mounts, rest);)
+        if (point.rfind(sandbox + "/", 0) == 0) points.insert(points.begin(), point);
+    for (const std::string& point : points) umount2(point.c_str(), MNT_DETACH);
+    std::filesystem::remove_all(sandbox, error);
+    for (const char* file : {".out", ".in", ".1", ".2"}) unlink((sandbox + file).c_str());
 
-std::string InstallerTest::distributionWith(const std::string& package, const std::string& name) {
-    DistOptions options;
-    options.package = package;
-    return makeDistribution(options, name);
-}
-
-RunResult InstallerTest::runQuick(const std::string& input, const std::vector<std::string>& args,
-                                  const std::string& dir) {
-    RunOptions options;
-    if (!dir.empty()) {
-        options.argv0 = dir + "/cvinst";
-        options.cwd = dir;
-    }
-    options.args = {"-d", "-post-install"};
-    options.args.insert(options.args.end(), args.begin(), args.end());
-    options.input = input;
-    return run(options);
-}
-
-RunResult InstallerTest::run(const RunOptions& options) {
-    RunResult result;
-    std::string cwd = options.cwd.empty() ? dist : path(options.cwd);
-    std::string argv0 = options.argv0.empty() ? dist + "/cvinst" : options.argv0;
-    std::map<std::string, std::string> env = childEnvironment(sandbox, options);
-    std::string program = options.program;
-    if (program.empty()) program = resolveProgram(argv0, cwd, env);
-    // A name that cannot be found (PATH unset, say) still starts the real installer, which
-    // must then fail to locate its distribution by itself.
-    if (program.empty()) program = dist + "/cvinst";
-
-    std::vector<std::string> argStrings;
-    argStrings.push_back(argv0);
-    argStrings.insert(argStrings.end(), options.args.begin(), options.args.end());
-    std::vector<char*> argv;
-    for (std::string& arg : argStrings) argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    std::vector<std::string> envStrings;
-    for (const auto& entry : env) envStrings.push_back(entry.first + "=" + entry.second);
-    std::vector<char*> envp;
-    for (std::string& entry : envStrings) envp.push_back(&entry[0]);
-    envp.push_back(nullptr);
-
-    int inPipe[2], outPipe[2], errPipe[2];
-    if (pipe2(inPipe, O_CLOEXEC) != 0 || pipe2(outPipe, O_CLOEXEC) != 0 ||
-        pipe2(errPipe, O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "pipe: " << strerror(errno);
-        return result;
-    }
-    pid_t pid = fork();
-    if (pid < 0) {
-        ADD_FAILURE() << "fork: " << strerror(errno);
-        return result;
-    }
-    if (pid == 0) {
-        // Child: only async-signal-safe calls from here on.
-        setpgid(0, 0);
-        signal(SIGPIPE, SIG_DFL);
-        dup2(inPipe[0], 0);
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
-        if (chdir(cwd.c_str()) != 0) {
-            const char text[] = "harness: cannot change to the working directory\n";
-            (void)!write(2, text, sizeof(text) - 1);
-            _exit(126);
-        }
-        if (options.unprivileged &&
-            (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)) {
-            const char text[] = "harness: cannot become uid 65534\n";
-            (void)!write(2, text, sizeof(text) - 1);
-            _exit(126);
-        }
-        execve(program.c_str(), argv.data(), envp.data());
-        const char text[] = "harness: exec failed\n";
-        (void)!write(2, text, sizeof(text) - 1);
-        _exit(127);
-    }
-    setpgid(pid, pid);   // also here, so that the group exists whoever runs first
-    close(inPipe[0]);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    int inFd = inPipe[1], outFd = outPipe[0], errFd = errPipe[0];
-    setNonBlocking(inFd);
-    setNonBlocking(outFd);
-    setNonBlocking(errFd);
-
-    size_t written = 0;
-    if (options.input.empty() && options.closeInput) closeFd(&inFd);
-    const int64_t deadline = nowMillis() + (int64_t)options.timeoutSeconds * 1000;
-    int64_t drainUntil = -1;   // after the child ended: how long to wait for its pipes
-    bool exited = false;
-    int status = 0;
-    char block[65536];
-
-    while (outFd >= 0 || errFd >= 0 || !exited) {
-        if (!exited) {
-            pid_t done = waitpid(pid, &status, WNOHANG);
-            if (done == pid) {
-                exited = true;
-                // Whatever the input still holds is not wanted any more.
-                closeFd(&inFd);
-                // Background children of the installer may keep the pipes open a while.
-                drainUntil = nowMillis() + 2000;
-            }
-        }
-        int64_t now = nowMillis();
-        if (!exited && now >= deadline) {
-            result.timedOut = true;
-            kill(-pid, SIGKILL);
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            exited = true;
-            closeFd(&inFd);
-            drainUntil = nowMillis() + 500;
-            continue;
-        }
-        if (exited && now >= drainUntil) break;
-
-        struct pollfd fds[3];
-        int count = 0;
-        int outIndex = -1, errIndex = -1, inIndex = -1;
-        if (outFd >= 0) { fds[count] = {outFd, POLLIN, 0}; outIndex = count++; }
-        if (errFd >= 0) { fds[count] = {errFd, POLLIN, 0}; errIndex = count++; }
-        if (inFd >= 0 && written < options.input.size()) {
-            fds[count] = {inFd, POLLOUT, 0};
-            inIndex = count++;
-        }
-        int64_t limit = (exited ? drainUntil : deadline) - now;
-        int wait = (int)std::min<int64_t>(limit, 50);
-        if (wait < 0) wait = 0;
-        int ready = poll(fds, count, wait);
-        if (ready < 0 && errno != EINTR) break;
-        if (ready <= 0) continue;
-
-        for (int which : {outIndex, errIndex}) {
-            if (which < 0 || fds[which].revents == 0) continue;
-            int* fd = which == outIndex ? &outFd : &errFd;
-            std::string* sink = which == outIndex ? &result.out : &result.err;
-            ssize_t n = read(*fd, block, sizeof(block));
-            if (n > 0) sink->append(block, (size_t)n);
-            else if (n == 0 || (errno != EAGAIN && errno != EINTR)) closeFd(fd);
-        }
-        if (inIndex >= 0 && fds[inIndex].revents != 0) {
-            ssize_t n = write(inFd, options.input.data() + written, options.input.size() - written);
-            if (n > 0) written += (size_t)n;
-            else if (n < 0 && errno != EAGAIN && errno != EINTR) closeFd(&inFd);
-            if (written >= options.input.size() && options.closeInput) closeFd(&inFd);
-        }
-    }
-    closeFd(&inFd);
-    closeFd(&outFd);
-    closeFd(&errFd);
-    // Anything of the run that is still alive (an editor started in the background) goes too.
-    kill(-pid, SIGKILL);
-
-    if (WIFEXITED(status)) {
-        result.exitStatus = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.exitStatus = -1;
-        result.signal = WTERMSIG(status);
-    }
-    if (result.timedOut) {
-        result.exitStatus = -1;
-        result.signal = WIFSIGNALED(status) ? WTERMSIG(status) : SIGKILL;
-    }
-    return result;
-}
-
-std::string InstallerTest::path(const std::string& relative) const {
-    if (!relative.empty() && relative[0] == '/') return relative;
-    if (relative.empty()) return sandbox;
-    return sandbox + "/" + relative;
-}
-
-bool InstallerTest::exists(const std::string& p) const {
-    struct stat st;
-    return lstat(path(p).c_str(), &st) == 0;
-}
-
-bool InstallerTest::isDirectory(const std::string& p) const {
-    struct stat st;
-    return stat(path(p).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool InstallerTest::isRegularFile(const std::string& p) const {
-    struct stat st;
-    return stat(path(p).c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-bool InstallerTest::isSymlink(const std::string& p) const {
-    struct stat st;
-    return lstat(path(p).c_str(), &st) == 0 && S_ISLNK(st.st_mode);
-}
-
-std::string InstallerTest::linkTarget(const std::string& p) const {
-    char target[4096];
-    ssize_t n = readlink(path(p).c_str(), target, sizeof(target));
-    if (n < 0) return "";
-    return std::string(target, (size_t)n);
-}
-
-std::vector<std::string> InstallerTest::listDir(const std::string& p) const {
-    std::vector<std::string> names;
-    if (DIR* dir = opendir(path(p).c_str())) {
-        while (struct dirent* entry = readdir(dir)) {
-            if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-                names.push_back(entry->d_name);
-        }
-        closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-std::string InstallerTest::readFile(const std::string& p) const {
-    std::string full = path(p);
-    FILE* in = fopen(full.c_str(), "rb");
-    if (!in) {
-        ADD_FAILURE() << "cannot read " << full << ": " << strerror(errno);
-        return "";
-    }
-    std::string content;
-    char block[65536];
-    size_t n;
-    while ((n = fread(block, 1, sizeof(block), in)) > 0) content.append(block, n);
-    fclose(in);
-    return content;
-}
-
-void InstallerTest::writeFile(const std::string& p, const std::string& content, unsigned mode) const {
-    std::string full = path(p);
-    size_t slash = full.find_last_of('/');
-    if (slash != std::string::npos && slash > 0) makeDirs(full.substr(0, slash));
-    FILE* out = fopen(full.c_str(), "wb");
-    if (!out) {
-        ADD_FAILURE() << "cannot write " << full << ": " << strerror(errno);
-        return;
-    }
-    bool ok = fwrite(content.data(), 1, content.size(), out) == content.size();
-    ok = fclose(out) == 0 && ok;
-    EXPECT_TRUE(ok) << "short write to " << full;
-    EXPECT_EQ(chmod(full.c_str(), mode), 0) << full;
-}
-
-void InstallerTest::makeDirs(const std::string& p, unsigned mode) const {
-    std::string full = path(p);
-    size_t at = 1;
-    while (at <= full.size()) {
-        size_t slash = full.find('/', at);
-        if (slash == std::string::npos) slash = full.size();
-        std::string part = full.substr(0, slash);
-        if (!part.empty() && mkdir(part.c_str(), mode) != 0 && errno != EEXIST)
-            ADD_FAILURE() << "cannot create " << part << ": " << strerror(errno);
-        at = slash + 1;
-    }
-    EXPECT_TRUE(isDirectory(full)) << full;
-    chmod(full.c_str(), mode);
-}
-
-unsigned InstallerTest::modeOf(const std::string& p) const {
-    struct stat st;
-    if (stat(path(p).c_str(), &st) != 0) return 0;
-    return st.st_mode & 07777;
-}
-
-void InstallerTest::giveToNobody(const std::string& p) const {
-    std::string full = path(p);
-    struct stat st;
-    if (lstat(full.c_str(), &st) != 0) return;
-    EXPECT_EQ(lchown(full.c_str(), kNobody, kNobody), 0) << full << ": " << strerror(errno);
-    if (!S_ISDIR(st.st_mode)) return;
-    for (const std::string& name : listDir(full)) giveToNobody(full + "/" + name);
-}
-
-std::string InstallerTest::copyPayload(const std::string& name, const std::string& from) {
-    std::string tree = path(name);
-    shell("cp -a " + shellQuoted(from.empty() ? demoPayload() : from) + " " + shellQuoted(tree) +
-          " && find " + shellQuoted(tree) + " -exec touch -h -d 2020-01-01 {} +");
-    return tree;
-}
-
-std::string InstallerTest::distributionFromTree(const std::string& tree, const std::string& name,
-                                                const std::string& package) {
-    DistOptions options;
-    options.package = "";
-    std::string dir = makeDistribution(options, name);
-    shell("tar -C " + shellQuoted(tree) + " -cf - . | gzip -c >" + shellQuoted(dir + "/" + package));
-    return dir;
-}
-
-void InstallerTest::shell(const std::string& command) const {
-    int status = system(command.c_str());
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
-}
-
-long InstallerTest::mtimeOf(const std::string& p) const {
-    struct stat st;
-    return lstat(path(p).c_str(), &st) == 0 ? (long)st.st_mtime : -1;
-}
-
-uid_t InstallerTest::ownerOf(const std::string& p) const {
-    struct stat st;
-    return lstat(path(p).c_str(), &st) == 0 ? st.st_uid : (uid_t)-1;
+    for (const RunResult* step : {&setup, &r})
+        if (step->status == 77 && step->out.rfind("skip: ", 0) == 0) GTEST_SKIP() << step->out.substr(6);
+    ASSERT_EQ(setup.status, 0) << "setup:\n" << setup.out << setup.err;
+    EXPECT_EQ(r.status, c.status);
+    std::vector<std::string> out;
+    for (const std::string& fragment : c.out) out.push_back(expand(fragment, sandbox));
+    expectOutput(text, out);
+    EXPECT_EQ(checked.out + checked.err, "");
+    if (HasFailure() || getenv("E2E_SHOW")) ADD_FAILURE() << "output of the run:\n" << text;
 }
