@@ -1,6 +1,8 @@
 // End-to-end: faults from outside during a run, a row per fault. Real file systems fill up, real
 // processes die or hang, and standard input ends at each question. Every row checks the clear end
 // the installer makes of it and that what was installed before is intact.
+#include <cerrno>
+
 #include "tests/harness.h"
 
 namespace {
@@ -10,6 +12,16 @@ const std::string kEclipse = "mkdir -p ide/eclipse && echo id=x >ide/eclipse/.ec
 // An earlier installation whose configuration the backup step finds.
 const std::string kOld = "mkdir -p inst/bin && echo old >inst/bin/corv.ini";
 const std::string kBackupQ = "Do you want a backup of these files [Y]? ";
+const std::string kDevice = " || { echo 'skip: device nodes cannot be made here'; exit 77; }";
+// A translator that misbehaves on its first run (bash in `first`) and translates afterwards.
+std::string translator(const std::string& first) {
+    return "tree t && mv t/bin/cvtw t/bin/cvtw.real && printf '%s\\n' '#!/bin/sh' " + shq(first) +
+           " 'exec \"${0%/*}/cvtw.real\" \"$@\"' >t/bin/cvtw && chmod 755 t/bin/cvtw && mkd d t";
+}
+const std::string kInst = "inst d inst -v";
+// The same for uid 65534 in $S/mine, with root's launch script in a links directory it may use.
+const std::string kMine = kEclipse + " && mkdir -p mine ide/eclipse/links && chown 65534 mine ide/eclipse/links";
+
 }  // namespace
 
 E2E_CASES(Faults,
@@ -33,4 +45,63 @@ E2E_CASES(Faults,
          {"Replace files [Y]?", kDone}, {"! test -e inst/old/corv.ini"}},
     Case{"eof_at_overwrite", kEclipse + " && echo mine >ide/eclipse/eclipse-cv", "pl/cvinst -d +post-install",
          kOpen + "$S/ide\n\n\n", 0, {"eclipse-cv already exists. Overwrite [N]? ", kDone},
-         {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}});
+         {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}},
+    Case{"eof_at_links_try_again", kMine + " && chmod 755 ide/eclipse/links && chown 0 ide/eclipse/links",
+         "nobody pl/cvinst -d", kOpen + "$S/ide\n$S/mine/r\n\n", 1,
+         {"Read/Write access is required for $S/ide/eclipse/links.\nTry again [Y]? ", "!Corvane Install", "!" + kDone}},
+    Case{"eof_at_overwrite_try_again", kMine + " && echo mine >ide/eclipse/eclipse-cv", "nobody pl/cvinst -d +post-install",
+         kOpen + "$S/ide\n$S/mine/r\n\ny\n", 0,
+         {msg("Insufficient access to overwrite $S/ide/eclipse/eclipse-cv. Read/Write access is required.\n") +
+          "Try again [Y]? ", kDone}, {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}},
+    // The disk fills up. While unpacking, tar gives up and verification names the short file.
+    Case{"disk_full_unpacking", "tree t && head -c 3000000 /dev/urandom >t/docs/big.bin && mkd d t && mnt m size=2m",
+         "inst d m/inst", kOpen, 1,
+         {"\ndone\n", "Corvane Install: Error detected in $S/m/inst/docs/big.bin. Mismatched size: expected=3000000 actual=",
+          msg("Error detected in distribution."), "!" + kDone}},
+    // The backup copies fail with the messages of cp; the installation goes on.
+    Case{"disk_full_backup", "mkdir -p inst/bin && head -c 1048576 /dev/zero >inst/bin/corv.ini && mnt bk size=512k",
+         "inst dist inst -backup-dir \"$S/bk\"", kOpen, 0, {kDone, "[stderr]\n", "No space left on device"},
+         {"[ $(stat -c %s bk/corv.ini) -lt 1048576 ] && grep -q CORVPATH inst/bin/corv.ini"}},
+    // The copy of the state file fails; the timestamps that follow it are skipped.
+    Case{"disk_full_rescue_copy", "tree t && head -c 2000000 /dev/zero >t/corv.stu && mkd d t && mnt m size=3m",
+         "inst d m/inst", kOpen, 0,
+         {msg("Cannot write to $S/m/inst/rescue.stu from $S/m/inst/corv.stu. Please check disk space."), kDone},
+         {"cmp m/inst/corv.stu t/corv.stu && [ $(date -r m/inst/macros/main.e +%Y) = 2020 ]"}},
+    Case{"full_device_rescue_copy", "mkdir inst && mknod inst/rescue.stu c 1 7" + kDevice, "inst dist inst",
+         kOpen, 0, {msg("Cannot write to $S/inst/rescue.stu from $S/inst/corv.stu. Please check disk space."), kDone},
+         {"[ -c inst/rescue.stu ] && test inst/macros/main.e -ot inst/bin/corv.ini"}},
+    Case{"full_device_alias_merge", "mkdir inst && mknod inst/alias.crv c 1 7" + kDevice, "inst dist inst",
+         kOpen, 0, {msg("Cannot write file $S/inst/alias.crv. Please check disk space."), kDone},
+         {"! test -e 'inst/$alias.crv'"}},
+    Case{"full_device_corv_ini", "mkdir -p inst/bin && mknod inst/bin/corv.ini c 1 7" + kDevice,
+         "inst dist inst", kOpen + "n\n", 0, {kBackupQ, msg("Cannot create $S/inst/bin/corv.ini."), kDone},
+         {"! test -e inst/rescue.stu"}},
+    Case{"disk_full_link_file", "mnt ide size=4k && mkdir ide/eclipse && echo id=x >ide/eclipse/.eclipseproduct && cp -a "
+         "\"$B/dist-plugin\" pl", "pl/cvinst -d", kOpen + "$S/ide\n$S/root\n\n", 1,
+         {"\n***\nError creating link file (28)\n***\n", "!" + kDone}},
+    // statfs fails, so the probe file of the slow check fills the disk; it is removed again.
+    Case{"disk_full_space_probe", "mnt m size=8m", "cvinst -post-install -destination-dir \"$S/m/inst\"", kOpen, 1,
+         {"Checking disk space. Please wait...\n", msg("Not enough disk space."), "!" + kDone,
+          "[stderr]\nCorvane Install:: Input/output error\n"}, {"[ -z \"$(ls -A m/inst)\" ]"}, {}, EIO},
+    Case{"space_probe_fits", "mnt m size=200m", "cvinst -post-install -v -destination-dir \"$S/m/inst\"", kOpen, 0,
+         {">>> Show disk space check ...\n", kDone, "[stderr]\nCorvane Install:: Input/output error\n"},
+         {"! test -e m/inst/SPACECHECK"}, {}, EIO},
+    // The reader of the unpack pipe ends early: no SIGPIPE, no hang, verification finds nothing.
+    Case{"unpack_reader_dies", "mkdir fake && printf '#!/bin/sh\\nexec head -c 10 >/dev/null\\n' >fake/tar && "
+         "chmod +x fake/tar", "PATH=$S/fake:$PATH cvinst -d -post-install -destination-dir \"$S/i\"", kOpen, 1,
+         {"Unpacking files: ", "\ndone\n", msg("Unable to open distribution file $S/i/distribfilelist"),
+          msg("Error detected in distribution.")}},
+    // The macro translator is killed: the one-by-one compilation follows, nothing installed changes.
+    Case{"translator_killed", translator("[ -e \"$HOME/killed\" ] || { : >\"$HOME/killed\"; kill -KILL $$; }"), kInst,
+         kOpen, 0, {"Compiling macros. Please wait...\n", ">>> Compiling macros failed: status=",
+                    "Compiling all macros. Please wait...\n", kDone},
+         {"intact t inst && cd inst/macros && ls main.ex keys.ex tags.ex search.ex >/dev/null"}},
+    // The translator hangs: the installer waits for it as long as it runs, with no time limit of
+    // its own. Here the translator is killed once the installer is seen waiting.
+    Case{"translator_hangs", translator("[ -e \"$HOME/hung\" ] || { echo $$ >\"$HOME/hung\"; exec sleep 600; }"),
+         "exec 3<&0; " + kInst + " <&3 & i=$!; until [ -s hung ] && grep -q ^do_wait /proc/$i/wchan; do kill -0 $i || "
+         "break; sleep 0.05; done; echo \"installer in $(cat /proc/$i/wchan) while the translator runs\"; kill -KILL "
+         "$(cat hung); wait $i", kOpen, 0,
+         {"Compiling macros. Please wait...\n", "installer in do_wait", ">>> Compiling macros failed: status=",
+          "Compiling all macros. Please wait...\n", kDone},
+         {"intact t inst && cd inst/macros && ls main.ex keys.ex tags.ex search.ex >/dev/null"}});
