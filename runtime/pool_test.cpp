@@ -47,7 +47,7 @@ TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
     // Library blocks: headers up to 512 (small pool), up to 32768 (medium), else n + 8 rounded to 1024.
     const struct { int32_t n; uint32_t lowest, highest; } rows[] = {
         {0, 8, 512},         {10, 18, 512},         {504, 512, 512},       {505, 513, 32768},
-        {1000, 1008, 32768}, {32760, 32768, 32768}, {32761, 33792, 33792}, {70000, 70656, 70656}};
+        {33784, 33792, 33792}, {32760, 32768, 32768}, {32761, 33792, 33792}, {70000, 70656, 70656}};
     for (const auto& r : rows) {
         void* b = libAlloc(r.n);
         EXPECT_TRUE(aligned16(b) && word(b, 4) >= r.lowest && word(b, 4) <= r.highest) << r.n;
