@@ -8,15 +8,15 @@ namespace {
 
 // Resource limits: the sanitized installer cannot start under a memory limit, and its checks need
 // free descriptors of their own, so these cases run in the plain build only.
-const std::string kPlain = "grep -q __asan_init \"$D/cvinst\" && { echo 'skip: the sanitized installer does not run under "
-                           "this limit'; exit 77; }; ";
+const std::string kPlain = "grep -q __asan_init \"$D/cvinst\" && "
+                           "{ echo 'skip: the sanitized installer does not run under this limit'; exit 77; }; ";
 const std::string kLimited = kPlain + "ulimit -v 1048576; inst d inst";
 // A sparse file of 200 TB, more than any address space holds.
 const std::string kHuge = "mnt m size=1m && truncate -s 200T m/huge";
 const std::string kNullOk = "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}allocator_may_return_null=1 ";
 const std::string kInst = "inst dist inst", kMine = "nobody \"$D/cvinst\" -d -post-install "
                           "-destination-dir \"$S/mine/inst\"";
-const std::string kEclipse = "mkdir -p ide/eclipse && echo id=x >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
+const std::string kEclipse = "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
 // The package without one of its files, the file (or something else) put into $S/inst instead.
 std::string without(const std::string& file, const std::string& instead) {
     return "tree t && rm " + shq("t/" + file) + " && mkd d t && mkdir -p inst/bin && " + instead;
@@ -29,8 +29,8 @@ E2E_CASES(Failures,
     Case{"space_probe_blocked", "mkdir inst && ln -s /nonexistent inst/SPACECHECK", "cvinst -post-install "
          "-destination-dir \"$S/inst\"", kOpen, 1, {msg("Slow disk space check failed."), "!" + kDone}, {}, {}, EIO},
     // An Eclipse location too long for its marker path is refused, not taken on a cut name.
-    Case{"eclipse_marker_cut_short", kEclipse + " && d=$S/m && while [ ${#d} -lt 350 ]; do d=$d/$(printf %0150d 0); done && "
-         "d=$d/$(printf %0$((499 - ${#d}))d 0)/x && mkdir -p $d && touch $d/.eclipse && echo $d >loc",
+    Case{"eclipse_marker_cut_short", kEclipse + " && d=$S/m && while [ ${#d} -lt 350 ]; do d=$d/$(printf %0150d 0); "
+         "done && d=$d/$(printf %0$((499 - ${#d}))d 0)/x && mkdir -p $d && touch $d/.eclipse && echo $d >loc",
          "printf '\\nyes\\n%s\\nn\\n' $(cat loc) | pl/cvinst -d", "", 1,
          {"!beside", "\n***\nThe Eclipse location is not valid: '$S/m/"}},
     Case{"link_file_in_the_way", kEclipse + " && mkdir -p ide/eclipse/links/com.corvane.eclipse.plugin.link",
@@ -49,7 +49,8 @@ E2E_CASES(Failures,
     Case{"copy_destination_not_writable", "mkdir -p mine/inst && echo x >mine/inst/rescue.stu && chown 65534 mine "
          "mine/inst", kMine, kOpen, 0, {msg("Insufficient write access to $S/mine/inst/rescue.stu."), kDone}},
     Case{"copy_mode_not_settable", "mkdir -p mine/inst && install -m 666 /dev/null mine/inst/rescue.stu && chown 65534 "
-         "mine mine/inst", kMine, kOpen, 0, {msg("Warning: Cannot set permission bits for $S/mine/inst/rescue.stu."), kDone},
+         "mine mine/inst", kMine, kOpen, 0,
+         {msg("Warning: Cannot set permission bits for $S/mine/inst/rescue.stu."), kDone},
          {"cmp mine/inst/rescue.stu \"$P/corv.stu\""}},
     // Started from a directory too long for a path: setup.ini is read there all the same.
     Case{"working_directory_too_long", "d=$(printf %0200d 0) && mkdir -p w/$d/$d/$d && printf '[unattended]\\n"
@@ -70,8 +71,9 @@ E2E_CASES(Failures,
          {msg("Cannot allocate memory to read file $S/inst/$alias.crv."), "!" + kDone}},
     Case{"shipped_alias_is_a_directory", without("$alias.crv", "echo bind >inst/alias.crv && mkdir 'inst/$alias.crv'"),
          kSubst, kOpen, 1, {msg("Cannot read file $S/inst/$alias.crv."), "!" + kDone}},
-    Case{"alias_too_big", "mkdir inst && " + kHuge + " && ln -s \"$S/m/huge\" inst/alias.crv", kNullOk + kInst, kOpen, 0,
-         {msg("Cannot update $S/inst/alias.crv."), kDone}, {"! test -e inst/bin/corv.ini && test -e 'inst/$alias.crv'"}},
+    Case{"alias_too_big", "mkdir inst && " + kHuge + " && ln -s \"$S/m/huge\" inst/alias.crv", kNullOk + kInst,
+         kOpen, 0, {msg("Cannot update $S/inst/alias.crv."), kDone},
+         {"! test -e inst/bin/corv.ini && test -e 'inst/$alias.crv'"}},
     Case{"corv_ini_is_a_directory", "mkdir -p inst/bin/corv.ini", kInst, kOpen + "n\n", 0,
          {msg("Cannot create $S/inst/bin/corv.ini."), kDone}, {"! test -e inst/rescue.stu"}},
     // Unpacking: no pipe to tar for want of descriptors, a package that cannot be read or opened.
@@ -81,7 +83,8 @@ E2E_CASES(Failures,
          "nobody np/cvinst -d -post-install -destination-dir \"$S/mine/inst\"", kOpen, 1,
          {msg("Missing distribution file $S/np/cvpack."), "!" + kDone}},
     Case{"package_is_a_socket", "cp -a \"$D\" s && rm s/cvpack && sock s/cvpack", "s/cvinst -d -post-install "
-         "-destination-dir \"$S/inst\"", kOpen, 1, {"Unpacking files: ", "!Corvane Install", "[stderr]\ngzopen error\n"}},
+         "-destination-dir \"$S/inst\"", kOpen, 1,
+         {"Unpacking files: ", "!Corvane Install", "[stderr]\ngzopen error\n"}},
     // Verification of a file too big for memory.
     Case{"listed_file_too_big", "tree t && { \"$MK\" --payload t --list-only && echo 'huge 2147483000 5'; } >l && mv l "
          "t/distribfilelist && tard d t && mkdir inst && truncate -s 2147483000 inst/huge", kLimited, kOpen, 1,
@@ -90,6 +93,7 @@ E2E_CASES(Failures,
     // The message file of a plug-in distribution: missing, not one, and without the text asked for.
     Case{"message_file_problems", "for m in missing bad plain; do cp -a \"$B/dist-plugin\" $m; done && rm "
          "missing/cdinst.cvb && echo bad >bad/cdinst.cvb && printf '0\\tUnexpected error.\\n' >m.msg && "
-         "\"${MK%/*}/cvbc\" compile m.msg plain/cdinst.cvb", "for m in missing bad plain; do $m/cvinst -d <<<$'\\nyes\\n\\nn';"
-         " done", "", 1, {"\n***\nUnable to open message file '$S/missing/cdinst.cvb' not found\n***\n",
-         "\n***\nMessage file '$S/bad/cdinst.cvb' empty\n***\n", "\n***\nUnexpected error.\n***\n"}});
+         "\"${MK%/*}/cvbc\" compile m.msg plain/cdinst.cvb",
+         "for m in missing bad plain; do $m/cvinst -d <<<$'\\nyes\\n\\nn'; done", "", 1,
+         {"\n***\nUnable to open message file '$S/missing/cdinst.cvb' not found\n***\n",
+          "\n***\nMessage file '$S/bad/cdinst.cvb' empty\n***\n", "\n***\nUnexpected error.\n***\n"}});

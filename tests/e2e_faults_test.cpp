@@ -8,7 +8,7 @@
 namespace {
 
 const std::string kNoQuery = msg("Cannot query install directory.");
-const std::string kEclipse = "mkdir -p ide/eclipse && echo id=x >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
+const std::string kEclipse = "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
 // An earlier installation whose configuration the backup step finds.
 const std::string kOld = "mkdir -p inst/bin && echo old >inst/bin/corv.ini";
 const std::string kBackupQ = "Do you want a backup of these files [Y]? ";
@@ -46,17 +46,18 @@ E2E_CASES(Faults,
     Case{"eof_at_overwrite", kEclipse + " && echo mine >ide/eclipse/eclipse-cv", "pl/cvinst -d +post-install",
          kOpen + "$S/ide\n\n\n", 0, {"eclipse-cv already exists. Overwrite [N]? ", kDone},
          {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}},
-    Case{"eof_at_links_try_again", kMine + " && chmod 755 ide/eclipse/links && chown 0 ide/eclipse/links",
+    Case{"eof_at_links_try_again", kEclipse + " && mkdir -p mine ide/eclipse/links && chown 65534 mine",
          "nobody pl/cvinst -d", kOpen + "$S/ide\n$S/mine/r\n\n", 1,
          {"Read/Write access is required for $S/ide/eclipse/links.\nTry again [Y]? ", "!Corvane Install", "!" + kDone}},
-    Case{"eof_at_overwrite_try_again", kMine + " && echo mine >ide/eclipse/eclipse-cv", "nobody pl/cvinst -d +post-install",
-         kOpen + "$S/ide\n$S/mine/r\n\ny\n", 0,
+    Case{"eof_at_overwrite_try_again", kMine + " && echo mine >ide/eclipse/eclipse-cv",
+         "nobody pl/cvinst -d +post-install", kOpen + "$S/ide\n$S/mine/r\n\ny\n", 0,
          {msg("Insufficient access to overwrite $S/ide/eclipse/eclipse-cv. Read/Write access is required.\n") +
           "Try again [Y]? ", kDone}, {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}},
     // The disk fills up. While unpacking, tar gives up and verification names the short file.
     Case{"disk_full_unpacking", "tree t && head -c 3000000 /dev/urandom >t/docs/big.bin && mkd d t && mnt m size=2m",
          "inst d m/inst", kOpen, 1,
-         {"\ndone\n", "Corvane Install: Error detected in $S/m/inst/docs/big.bin. Mismatched size: expected=3000000 actual=",
+         {"\ndone\n", "Corvane Install: Error detected in $S/m/inst/docs/big.bin. Mismatched size: "
+          "expected=3000000 actual=",
           msg("Error detected in distribution."), "!" + kDone}},
     // The backup copies fail with the messages of cp; the installation goes on.
     Case{"disk_full_backup", "mkdir -p inst/bin && head -c 1048576 /dev/zero >inst/bin/corv.ini && mnt bk size=512k",
@@ -76,8 +77,8 @@ E2E_CASES(Faults,
     Case{"full_device_corv_ini", "mkdir -p inst/bin && mknod inst/bin/corv.ini c 1 7" + kDevice,
          "inst dist inst", kOpen + "n\n", 0, {kBackupQ, msg("Cannot create $S/inst/bin/corv.ini."), kDone},
          {"! test -e inst/rescue.stu"}},
-    Case{"disk_full_link_file", "mnt ide size=4k && mkdir ide/eclipse && echo id=x >ide/eclipse/.eclipseproduct && cp -a "
-         "\"$B/dist-plugin\" pl", "pl/cvinst -d", kOpen + "$S/ide\n$S/root\n\n", 1,
+    Case{"disk_full_link_file", "mnt ide size=4k && mkdir ide/eclipse && echo >ide/eclipse/.eclipseproduct && "
+         "cp -a \"$B/dist-plugin\" pl", "pl/cvinst -d", kOpen + "$S/ide\n$S/root\n\n", 1,
          {"\n***\nError creating link file (28)\n***\n", "!" + kDone}},
     // statfs fails, so the probe file of the slow check fills the disk; it is removed again.
     Case{"disk_full_space_probe", "mnt m size=8m", "cvinst -post-install -destination-dir \"$S/m/inst\"", kOpen, 1,

@@ -13,112 +13,116 @@ const std::string kUsage =
     "       -backup-dir -- Where should files be backed up?\n"
     "       +/-accept-eula -- Accept EULA/Don't accept EULA\n"
     "       +/-post-install -- Perform/Dont perform post-install tasks immediately after installation\n\n";
+const std::string kNoPackage = "cp -a \"$D\" e && rm e/cvpack", kTestI = "test -d i";
 const std::string kLicense = demoFile("license.txt");
 const std::string kNoX = msg("X server is not accessible.");
 const std::string kBanner = "\n*           Corvane INSTALLATION PROGRAM            \n";
 const std::string kPluginBanner = "\n*       Corvane PLUG-IN INSTALLATION PROGRAM        \n";
 
-// A run with the given options: a preset installs into `preset` without a question, else the
-// question is asked and answered with $S/asked.
-Case preset(const std::string& name, const std::string& args, const std::string& preset) {
+// A run from the distribution directory: a preset installs into `preset` without a question, else
+// the question is asked and answered with $S/asked.
+Case preset(Str name, Str args, Str preset) {
     const std::string dir = preset.empty() ? "$S/asked" : preset;
     return {name, "", "cd \"$D\" && ./cvinst -d -post-install " + args, preset.empty() ? answers(dir) : kOpen, 0,
-            preset.empty() ? std::vector<std::string>{"![stderr]", kDirQ, kCreate}
-                           : std::vector<std::string>{"![stderr]", "!" + kDirQ, "!Create [Y]?"},
-            {"test -d \"" + dir + "\"", "! test -e x"}};
+            preset.empty() ? Lines{"![stderr]", kDirQ, kCreate} : Lines{"![stderr]", "!" + kDirQ, "!Create [Y]?"},
+            {"test -d \"" + dir + "\" && ! test -e x"}};
 }
-// The same with setup.ini in the distribution directory, where the run starts.
-Case iniPreset(const std::string& name, const std::string& ini, const std::string& dir, const std::string& args = "") {
+// The same with setup.ini in the distribution directory, where the run starts, written as given
+// or made by bash.
+Case ini(Str name, Str text, Str dir, Str args = "") {
     Case c = preset(name, args, dir);
-    c.files = {{"$D/setup.ini", ini}};
+    c.files = {{"$D/setup.ini", text}};
     return c;
 }
-const std::string kEntry = "DestinationDir=$S/";
-// The same with a setup.ini that bash makes.
-Case iniMade(const std::string& name, const std::string& make) {
+Case iniMade(Str name, Str make) {
     Case c = preset(name, "", "");
     c.setup = "{ " + make + "; } >\"$D/setup.ini\"";
     return c;
 }
+const std::string kEntry = "DestinationDir=$S/", kSection = "[unattended]\n";
 
 // No post-install answer, or any but an explicit no, leaves the X server check on: it warns.
-Case xCheck(const std::string& name, const std::string& args, bool checked, const std::string& ini = "") {
+Case xCheck(Str name, Str args, bool checked, Str entry = "") {
     Case c = {name, "", "cd \"$D\" && ./cvinst -d " + args, "\nn\n", 1, {checked ? kNoX : "!" + kNoX}};
-    if (!ini.empty()) c.files = {{"$D/setup.ini", "[unattended]\n" + ini + "\n"}};
+    if (!entry.empty()) c.files = {{"$D/setup.ini", kSection + entry + "\n"}};
     return c;
 }
 
 // The shipped installer ignores an agreement accepted in advance; a copy patched at the build-time
 // marker ($S/p, exactly one marker) skips the banner, the pause and the agreement.
-const std::string kPatch =
-    "cp -a \"$D\" p && perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; END { exit($n != 1) }' p/cvinst";
-Case eula(const std::string& name, bool patched, const std::string& ini, const std::string& args, bool bypassed) {
+const std::string kPatch = "cp -a \"$D\" p && perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; "
+                           "END { exit($n != 1) }' p/cvinst";
+Case eula(Str name, bool patched, Str entry, Str args, bool bypassed) {
     const std::string dir = patched ? "$S/p" : "$D";
     return {name, patched ? kPatch : "", "cd " + dir + " && ./cvinst -d -post-install -destination-dir $S/i " + args,
             bypassed ? "" : kOpen, 0,
-            bypassed ? std::vector<std::string>{"!INSTALLATION PROGRAM", "!" + kPause, "!license terms", kDone}
-                     : std::vector<std::string>{"INSTALLATION PROGRAM", kPause, kAgree, kDone},
-            {"test -d i"}, {{dir + "/setup.ini", "[unattended]\n" + ini + "\n"}}};
+            bypassed ? Lines{"!INSTALLATION PROGRAM", "!" + kPause, "!license terms", kDone}
+                     : Lines{"INSTALLATION PROGRAM", kPause, kAgree, kDone},
+            {"test -d i"}, {{dir + "/setup.ini", kSection + entry + "\n"}}};
 }
 
-// The directory of the distribution from the name the installer was started by, seen in the
-// verbose trace; the run ends at the pause or for want of a distribution.
-const std::string kLocate = "mkdir -p work decoy/cvinst plain links && echo 'not a program' >plain/cvinst && "
+// The distribution directory from the name the installer was started by, seen in the verbose
+// trace; the run ends at the pause or for want of a distribution.
+const std::string kLocate = "mkdir -p work decoy/cvinst plain links && echo x >plain/cvinst && "
                             "ln -s \"$D/cvinst\" links/cvinst";
 const std::string kSys = "/usr/local/bin:/usr/bin:/bin";
-std::string tr(const std::string& text) { return ">>>    " + text; }
-Case locate(const std::string& name, const std::string& cwd, const std::string& pathSetting, const std::string& argv0,
-            std::vector<std::string> out, bool found, bool changes, const std::string& program = "\"$D/cvinst\"") {
-    // A run that changes directory traces it among the expected lines.
+std::string tr(Str text) { return ">>>    " + text; }
+// A run that changes directory traces it among the expected lines.
+Case locate(Str name, Str cwd, Str path, Str argv0, Lines out, bool found, bool changes,
+            Str program = "\"$D/cvinst\"") {
     if (!changes) out.insert(out.begin(), "!Changing to directory");
     out.push_back(found ? kBanner : "!INSTALLATION PROGRAM");
-    return {name, kLocate, "cd " + cwd + "; " + pathSetting + "; exec -a " + argv0 + " " + program + " -v -d -post-install",
+    return {name, kLocate, "cd " + cwd + "; " + path + "; exec -a " + argv0 + " " + program + " -v -d -post-install",
             "", 1, out};
 }
-const std::string kFromPath = tr("From PATH ==> $D/.\n"), kUnable = msg("Unable to determine the distribution directory.");
+const std::string kFromPath = tr("From PATH ==> $D/.\n"), kUnable = msg("Unable to determine the distribution "
+                                                                         "directory.");
 
-// Packages made in the given order as copies of the demo package; the banner shows which won.
-Case pick(const std::string& name, const std::string& packages, bool plugin) {
-    return {name, "cp -a \"$D\" d && rm d/cvpack && for p in " + packages + "; do cp \"$D/cvpack\" d/$p; done",
-            "cd d && \"$S/d/cvinst\"", "", 1, {"!" + (plugin ? kBanner : kPluginBanner), plugin ? kPluginBanner : kBanner}};
+// Packages made as copies of the demo package, in one order in $S/a and in the other in $S/b, so
+// that the file made first does not decide; the banner of both runs shows which package won.
+Case pick(Str name, Str packages, bool plugin) {
+    const std::string won = plugin ? kPluginBanner : kBanner;
+    return {name, "for d in a b; do cp -a \"$D\" $d && rm $d/cvpack; done && for p in " + packages + "; do cp "
+            "\"$D/cvpack\" a/$p; r=\"$p $r\"; done && for p in $r; do cp \"$D/cvpack\" b/$p; done",
+            "cd a && \"$S/a/cvinst\"; cd ../b && \"$S/b/cvinst\"", "", 1,
+            {"!" + (plugin ? kBanner : kPluginBanner), won, won}};
 }
-std::string missingPackage(const std::string& dir) {
-    return "=" + msg("Missing distribution file.") + msg("Please verify that 'cvpack' or 'cvpacku' or 'cvpackd' is in $S/" +
-                                                         dir + "/.") + msg("Make sure the files are in lowercase.");
+std::string missingPackage(Str dir) {
+    return "=" + msg("Missing distribution file.") +
+           msg("Please verify that 'cvpack' or 'cvpacku' or 'cvpackd' is in $S/" + dir + "/.") +
+           msg("Make sure the files are in lowercase.");
 }
 
 // The agreement: the answers up to the install directory, the exit status, how often it is asked.
-Case agree(const std::string& name, const std::string& input, int status, int asked) {
-    std::vector<std::string> out = {status == 0 ? "" : "!" + kDirQ};
-    if (asked > 0) out.insert(out.end(), {kPause, kLicense});
+Case agree(Str name, Str input, int status, int asked) {
+    Lines out = {status == 0 ? "" : "!" + kDirQ, kPause, kLicense};
     for (int i = 0; i < asked; i++) out.push_back(kAgree);
     out.push_back("!" + kAgree);
     if (status == 0) out.insert(out.end(), {kDirQ, "!" + kDirQ});
-    return {name, "", "q", input + (status == 0 ? "$S/i\ny\n" : ""), status, out, {status == 0 ? "test -d i" : "! test -e i"}};
+    return {name, "", "q", input + (status == 0 ? "$S/i\ny\n" : ""), status, out, {(status ? "! " : "") + kTestI}};
 }
-
 const std::string kOdd = "dist 'q' \"dq\" $HOME; touch pwned1; `touch pwned2` $(touch pwned3)";
 const std::string kLong(100000, 'x');
 
 }  // namespace
 
 E2E_CASES(CommandLine,
-    Case{"help", "cp -a \"$D\" e && rm e/cvpack", "\"$S/e/cvinst\" -h", "", 0, {"=" + kUsage}},
-    Case{"help_question_mark", "cp -a \"$D\" e && rm e/cvpack", "\"$S/e/cvinst\" '-?'", "", 0, {"=" + kUsage}},
-    Case{"help_ends_parsing", "cp -a \"$D\" e && rm e/cvpack", "\"$S/e/cvinst\" -v -h -destination-dir \"$S/inst\" '-?' -bogus",
-         "", 0, {"=" + kUsage}, {"! test -e inst"}},
+    Case{"help", kNoPackage, "e/cvinst -h", "", 0, {"=" + kUsage}},
+    Case{"help_question_mark", kNoPackage, "e/cvinst '-?'", "", 0, {"=" + kUsage}},
+    Case{"help_ends_parsing", kNoPackage, "e/cvinst -v -h -destination-dir \"$S/inst\" '-?' -bogus", "", 0,
+         {"=" + kUsage}, {"! test -e inst"}},
     Case{"help_only_exact", "", "q -H --h +h -help", "", 1, {"!USAGE:", kPause}},
     Case{"help_taken_by_o", "", "q -o -h", "", 1, {"!USAGE:", kPause}},
     // "-v" traces, "-d" skips the disk-space check; "-o" takes any word as its value.
     Case{"switches", "", "cvinst -v -d -post-install", answers("$S/i"), 0,
          {">>> Finding the full path to executable...\n", "!Checking disk space", "\nSkipping disk space check.\n"},
-         {"test -d i", "! test -e \"$D/-v\""}},
+         {"test -d i && ! test -e dist/-v"}},
     Case{"switches_are_case_sensitive", "", "cvinst -V -D -post-install; true", answers("$S/i"), 0,
          {"!>>> ", "!Skipping disk space check", "Checking disk space. Please wait..."}},
     Case{"switch_value_of_o", "", "cvinst -o -v -d -post-install", answers("$S/i"), 0,
-         {"!>>> ", "\nSkipping disk space check.\n"}, {"! test -e \"$D/-v\""}},
+         {"!>>> ", "\nSkipping disk space check.\n"}, {"! test -e dist/-v"}},
     Case{"path_option_takes_no_option", "", "cvinst -destination-dir -v -d -post-install", answers("$S/i"), 0,
-         {">>> Finding the full path", kDirQ, "\nSkipping disk space check.\n"}, {"test -d i"}},
+         {">>> Finding the full path", kDirQ, "\nSkipping disk space check.\n"}, {kTestI}},
     Case{"later_o_wins", "", "cvinst -o a-1-1 -o -v -d -post-install", answers("$S/i"), 0,
          {"!>>> ", "\nSkipping disk space check.\n"}},
     preset("destination_dir", "-destination-dir $S/a", "$S/a"),
@@ -126,124 +130,125 @@ E2E_CASES(CommandLine,
     preset("destination_dir_plus", "+destination-dir $S/c", "$S/c"),
     preset("destination_dir_any_first", "xDestination-Dir $S/d", "$S/d"),
     preset("destination_dir_double_dash", "--destination-dir $S/x", ""),
-    preset("destination_dir_bare", "destination-dir $S/x", ""),
-    preset("destination_dir_last", "-destination-dir", ""),
+    preset("destination_dir_bare", "destination-dir $S/x", ""), preset("destination_dir_last", "-destination-dir", ""),
     preset("destination_dir_later_wins", "-destination-dir $S/x -destination-dir $S/e", "$S/e"),
     preset("backup_dir_takes_no_option", "-backup-dir -destination-dir $S/f", "$S/f"),
     preset("destination_dir_relative", "-destination-dir rel", "$D/rel"),
     preset("unknown_words_ignored", "bogus -x + - ''", ""),
-    xCheck("post_install_unset", "", true),
-    xCheck("post_install_no", "-post-install", false),
+    xCheck("post_install_unset", "", true), xCheck("post_install_no", "-post-install", false),
     xCheck("post_install_no_any_case", "-Post-Install", false),
-    xCheck("post_install_any_first", "'*post-install'", false),
-    xCheck("post_install_yes", "+POST-INSTALL", true),
+    xCheck("post_install_any_first", "'*post-install'", false), xCheck("post_install_yes", "+POST-INSTALL", true),
     xCheck("post_install_later_no", "+post-install -post-install", false),
     xCheck("post_install_later_yes", "-post-install +post-install", true));
 
 E2E_CASES(AnswersFile,
-    iniPreset("section", "[unattended]\n; answers for the console installer\n" + kEntry + "p1\n", "$S/p1"),
-    iniPreset("section_any_case", "[UNATTENDED]\ndestinationDIR=$S/p2\n", "$S/p2"),
-    iniPreset("leading_blanks", "  \t[unattended]\n \t " + kEntry + "p3\n", "$S/p3"),
-    iniPreset("trailing_blank_kept", "[unattended]\n" + kEntry + "x \n", "$S/x "),
-    iniPreset("cr_line_ends", "[unattended]\r" + kEntry + "p5\r", "$S/p5"),
-    iniPreset("crlf_line_ends", "[unattended]\r\n" + kEntry + "p6\r\n", "$S/p6"),
-    iniPreset("mixed_line_ends", "[unattended]\r\r\n\n" + kEntry + "p7\r\r\n\n", "$S/p7"),
-    iniPreset("final_ctrl_z", "[unattended]\n" + kEntry + "p8\x1a", "$S/p8"),
-    iniPreset("first_section_only", "[unattended]\n" + kEntry + "p9\n[unattended]\n" + kEntry + "x\n", "$S/p9"),
-    iniPreset("last_value_wins", "[unattended]\n" + kEntry + "x\n" + kEntry + "p10\n", "$S/p10"),
-    iniPreset("command_line_wins", "[unattended]\n" + kEntry + "x\n", "$D/fromargs", "-destination-dir fromargs"),
-    iniPreset("blanks_spoil_the_key", "[unattended]\nDestinationDir = $S/x\n", ""),
-    iniPreset("entries_before_section", kEntry + "x\n[unattended]\nPostInstall=no\n", ""),
-    iniPreset("other_section", "[other]\n" + kEntry + "x\n", ""),
-    iniPreset("section_ends", "[unattended]\nPostInstall=no\n[other]\n" + kEntry + "x\n", ""),
-    iniPreset("comment", "[unattended]\n; " + kEntry + "x\n", ""),
-    iniPreset("section_name_exact", "[unattendedx]\n" + kEntry + "x\n", ""),
-    iniPreset("empty_file", "", ""),
+    ini("section", kSection + "; answers for the console installer\n" + kEntry + "p1\n", "$S/p1"),
+    ini("section_any_case", "[UNATTENDED]\ndestinationDIR=$S/p2\n", "$S/p2"),
+    ini("leading_blanks", "  \t[unattended]\n \t " + kEntry + "p3\n", "$S/p3"),
+    ini("trailing_blank_kept", kSection + kEntry + "x \n", "$S/x "),
+    ini("cr_line_ends", "[unattended]\r" + kEntry + "p5\r", "$S/p5"),
+    ini("crlf_line_ends", "[unattended]\r\n" + kEntry + "p6\r\n", "$S/p6"),
+    ini("mixed_line_ends", "[unattended]\r\r\n\n" + kEntry + "p7\r\r\n\n", "$S/p7"),
+    ini("final_ctrl_z", kSection + kEntry + "p8\x1a", "$S/p8"),
+    ini("first_section_only", kSection + kEntry + "p9\n" + kSection + kEntry + "x\n", "$S/p9"),
+    ini("last_value_wins", kSection + kEntry + "x\n" + kEntry + "p10\n", "$S/p10"),
+    ini("command_line_wins", kSection + kEntry + "x\n", "$D/fromargs", "-destination-dir fromargs"),
+    ini("blanks_spoil_the_key", kSection + "DestinationDir = $S/x\n", ""),
+    ini("entries_before_section", kEntry + "x\n" + kSection + "PostInstall=no\n", ""),
+    ini("other_section", "[other]\n" + kEntry + "x\n", ""),
+    ini("section_ends", kSection + "PostInstall=no\n[other]\n" + kEntry + "x\n", ""),
+    ini("comment", kSection + "; " + kEntry + "x\n", ""),
+    ini("section_name_exact", "[unattendedx]\n" + kEntry + "x\n", ""), ini("empty_file", "", ""),
     // Arbitrary bytes find no preset and break nothing.
-    iniPreset("bytes_nul", std::string("\0\0\0", 3), ""),
+    ini("bytes_nul", std::string("\0\0\0", 3), ""),
     iniMade("bytes_noise", "noise 3145728 1 '['"),   // no section, NULs, megabytes
     iniMade("bytes_noise_no_values", "echo '[unattended]'; noise 2097152 2 '=['"),
     iniMade("bytes_huge_line", "printf '[unattended]'; head -c 2097152 /dev/zero | tr '\\0' k"),
-    iniMade("bytes_huge_section", "printf '['; head -c 1048576 /dev/zero | tr '\\0' u; echo ']'; echo \"" + kEntry + "x\""),
-    iniMade("bytes_huge_entry", "echo '[unattended]'; head -c 100000 /dev/zero | tr '\\0' K; printf =; head -c 100000 "
-                                "/dev/zero | tr '\\0' v"),
-    iniPreset("bytes_mixed", "[unattended]\nPostInstall=no\nBackupDir=" + std::string(5000, 'b') + "\n" +
-                                 std::string("\0[unattended\0\n=\r\x1a", 17), ""),
-    iniPreset("bytes_open_bracket", "[unattended", ""), iniPreset("bytes_bracket", "[", ""),
-    iniPreset("bytes_equals", "=", ""), iniPreset("bytes_ctrl_z", "\x1a", ""),
+    iniMade("bytes_huge_section", "printf '['; head -c 1048576 /dev/zero | tr '\\0' u; echo ']'; echo " + kEntry + "x"),
+    iniMade("bytes_huge_entry", "echo '[unattended]'; head -c 100000 /dev/zero | tr '\\0' K; printf =; "
+                                "head -c 100000 /dev/zero | tr '\\0' v"),
+    ini("bytes_mixed", kSection + "PostInstall=no\nBackupDir=" + std::string(5000, 'b') + "\n" +
+                           std::string("\0[unattended\0\n=\r\x1a", 17), ""),
+    ini("bytes_open_bracket", "[unattended", ""), ini("bytes_bracket", "[", ""), ini("bytes_equals", "=", ""),
+    ini("bytes_ctrl_z", "\x1a", ""),
     // Read from the directory the installer is started in, not from the distribution.
     Case{"read_from_starting_dir", "mkdir work", "cd work && cvinst -d -post-install", answers("$S/asked"), 0,
-         {kDirQ}, {"test -d asked", "! test -e fromdist"},
-         {{"$D/setup.ini", "[unattended]\n" + kEntry + "fromdist\n"}, {"$S/setup.ini", "[unattended]\n" + kEntry + "fromstart\n"}}},
+         {kDirQ}, {"test -d asked && ! test -e fromdist"},
+         {{"$D/setup.ini", kSection + kEntry + "fromdist\n"}, {"$S/setup.ini", kSection + kEntry + "fromstart\n"}}},
     Case{"read_before_changing_dir", "", "dist/cvinst -d -post-install", kOpen, 0, {"!" + kDirQ},
-         {"test -d fromstart", "! test -e fromdist"},
-         {{"$D/setup.ini", "[unattended]\n" + kEntry + "fromdist\n"}, {"$S/setup.ini", "[unattended]\n" + kEntry + "fromstart\n"}}},
-    xCheck("ini_post_install_no", "", false, "PostInstall=no"), xCheck("ini_post_install_off", "", false, "postinstall=OFF"),
-    xCheck("ini_post_install_disabled", "", false, "PostInstall=Disabled"), xCheck("ini_post_install_0", "", false, "PostInstall=0"),
-    xCheck("ini_post_install_yes", "", true, "PostInstall=yes"), xCheck("ini_post_install_maybe", "", true, "PostInstall=maybe"),
+         {"test -d fromstart && ! test -e fromdist"},
+         {{"$D/setup.ini", kSection + kEntry + "fromdist\n"}, {"$S/setup.ini", kSection + kEntry + "fromstart\n"}}},
+    xCheck("ini_post_install_no", "", false, "PostInstall=no"),
+    xCheck("ini_post_install_off", "", false, "postinstall=OFF"),
+    xCheck("ini_post_install_disabled", "", false, "PostInstall=Disabled"),
+    xCheck("ini_post_install_0", "", false, "PostInstall=0"),
+    xCheck("ini_post_install_yes", "", true, "PostInstall=yes"),
+    xCheck("ini_post_install_maybe", "", true, "PostInstall=maybe"),
     xCheck("ini_post_install_leading_blank", "", true, "PostInstall= no"),
     xCheck("ini_post_install_trailing_blank", "", true, "PostInstall=no "),
     xCheck("ini_post_install_blanks_around", "", true, "PostInstall = no"),
-    eula("eula_shipped_option", false, "", "+accept-eula", false), eula("eula_shipped_ini", false, "AcceptEula=yes", "", false),
+    eula("eula_shipped_option", false, "", "+accept-eula", false),
+    eula("eula_shipped_ini", false, "AcceptEula=yes", "", false),
     eula("eula_shipped_minus", false, "", "-accept-eula", false), eula("eula_option", true, "", "+accept-eula", true),
     eula("eula_ini", true, "AcceptEula=yes", "", true), eula("eula_ini_enabled", true, "acceptEULA=ENABLED", "", true),
     eula("eula_ini_1", true, "ACCEPTEULA=1", "", true), eula("eula_ini_on", true, "AcceptEula=On", "", true),
     eula("eula_none", true, "", "", false), eula("eula_ini_no", true, "AcceptEula=no", "", false),
-    eula("eula_ini_blanks", true, "AcceptEula = yes", "", false), eula("eula_ini_maybe", true, "AcceptEula=maybe", "", false),
+    eula("eula_ini_blanks", true, "AcceptEula = yes", "", false),
+    eula("eula_ini_maybe", true, "AcceptEula=maybe", "", false),
     eula("eula_option_after_ini", true, "AcceptEula=yes", "-accept-eula", false));
 
 E2E_CASES(Locate,
     locate("full_path", "work", "true", "\"$D/cvinst\"", {tr("From full path ==> $D/.\n")}, true, false),
-    locate("dot_slash", "\"$D\"", "true", "./cvinst",
-           {tr("Current directory is $D.\n"), tr("Changing to directory .\n"), tr("New current directory is $D/\n"),
-            tr("From relative path ==> $D/.\n")}, true, true),
-    locate("relative", "\"$S\"", "true", "dist/cvinst",
-           {tr("Current directory is $S.\n"), tr("Changing to directory dist\n"), tr("New current directory is $D/\n"),
-            tr("From relative path ==> $D/.\n")}, true, true),
-    locate("path", "\"$S\"", "export PATH=" + kSys + ":$D", "cvinst", {kFromPath}, true, false),
+    locate("dot_slash", "\"$D\"", "true", "./cvinst", {tr("Current directory is $D.\n"),
+           tr("Changing to directory .\n"), tr("New current directory is $D/\n"), tr("From relative path ==> $D/.\n")},
+           true, true),
+    locate("relative", ".", "true", "dist/cvinst", {tr("Current directory is $S.\n"), tr("Changing to directory "
+           "dist\n"), tr("New current directory is $D/\n"), tr("From relative path ==> $D/.\n")}, true, true),
+    locate("path", ".", "export PATH=" + kSys + ":$D", "cvinst", {kFromPath}, true, false),
     // Empty entries are not the working directory, which holds a "cvinst" here.
     locate("path_empty_entries", "plain", "export PATH=::/usr/bin:::/bin:$D/", "cvinst", {kFromPath}, true, false),
-    locate("path_skips_directory", "\"$S\"", "export PATH=$S/decoy:" + kSys + ":$D", "cvinst", {kFromPath}, true, false),
-    locate("path_entry_too_long", "\"$S\"", "export PATH=$D" + std::string(600, '/') + "x:$D", "cvinst", {kFromPath}, true, false),
-    locate("path_relative_entry", "\"$S\"", "export PATH=/usr/bin:/bin:dist", "cvinst",
+    locate("path_skips_directory", ".", "export PATH=$S/decoy:" + kSys + ":$D", "cvinst", {kFromPath}, true, false),
+    locate("path_entry_too_long", ".", "export PATH=$D" + std::string(600, '/') + "x:$D", "cvinst", {kFromPath}, true,
+           false),
+    locate("path_relative_entry", ".", "export PATH=/usr/bin:/bin:dist", "cvinst",
            {tr("Changing to directory dist\n"), tr("From relative path in PATH ==> $D/.\n")}, true, true),
-    locate("path_any_regular_file", "\"$S\"", "export PATH=$S/plain:" + kSys + ":$D", "cvinst",
-           {tr("From PATH ==> $S/plain/.\n"), msg("Please verify that 'cvpack' or 'cvpacku' or 'cvpackd' is in $S/plain/.")},
-           false, false),
-    locate("link_not_followed", "\"$S\"", "true", "\"$S/links/cvinst\"",
-           {tr("From full path ==> $S/links/.\n"), msg("Missing distribution file.")}, false, false, "\"$S/links/cvinst\""),
-    locate("path_unset", "\"$S\"", "unset PATH", "cvinst", {kUnable}, false, false),
-    locate("path_empty", "\"$S\"", "export PATH=", "cvinst", {kUnable}, false, false),
-    locate("path_ends_in_colon", "\"$S\"", "export PATH=/usr/bin:/bin:", "cvinst", {kUnable}, false, false),
-    locate("relative_missing", "\"$S\"", "true", "missing/cvinst", {tr("Changing to directory missing\n"), kUnable}, false, true),
+    locate("path_any_regular_file", ".", "export PATH=$S/plain:" + kSys + ":$D", "cvinst",
+           {tr("From PATH ==> $S/plain/.\n"), msg("Please verify that 'cvpack' or 'cvpacku' or 'cvpackd' is in "
+           "$S/plain/.")}, false, false),
+    locate("link_not_followed", ".", "true", "\"$S/links/cvinst\"", {tr("From full path ==> $S/links/.\n"),
+           msg("Missing distribution file.")}, false, false, "\"$S/links/cvinst\""),
+    locate("path_unset", ".", "unset PATH", "cvinst", {kUnable}, false, false),
+    locate("path_empty", ".", "export PATH=", "cvinst", {kUnable}, false, false),
+    locate("path_ends_in_colon", ".", "export PATH=/usr/bin:/bin:", "cvinst", {kUnable}, false, false),
+    locate("relative_missing", ".", "true", "missing/cvinst", {tr("Changing to directory missing\n"), kUnable}, false,
+           true),
     // A relative install directory lands in the directory the installer changed into.
     Case{"relative_answer_after_change", "", "dist/cvinst -d -post-install", answers("inst"), 0, {},
-         {"test -d dist/inst", "! test -e inst"}},
-    pick("cvpackd_before_cvpackepd", "cvpackd cvpackepd", false), pick("cvpackd_before_cvpackepd_2", "cvpackepd cvpackd", false),
-    pick("cvpackepd_before_cvpacku", "cvpackepd cvpacku", true), pick("cvpackepd_before_cvpacku_2", "cvpacku cvpackepd", true),
-    pick("cvpacku_before_cvpackep", "cvpacku cvpackep", false), pick("cvpacku_before_cvpackep_2", "cvpackep cvpacku", false),
-    pick("cvpackep_before_cvpack", "cvpackep cvpack", true), pick("cvpackep_before_cvpack_2", "cvpack cvpackep", true),
+         {"test -d dist/inst && ! test -e inst"}},
+    pick("cvpackd_before_cvpackepd", "cvpackd cvpackepd", false),
+    pick("cvpackepd_before_cvpacku", "cvpackepd cvpacku", true),
+    pick("cvpacku_before_cvpackep", "cvpacku cvpackep", false), pick("cvpackep_before_cvpack", "cvpackep cvpack", true),
     pick("cvpackd_first_of_all", "cvpackep cvpackepd cvpack cvpackd", false),
-    pick("cvpackd_first_of_all_2", "cvpackd cvpack cvpackepd cvpackep", false),
-    Case{"no_package", "cp -a \"$D\" none && rm none/cvpack", "cd none && \"$S/none/cvinst\"", "", 1, {missingPackage("none")}},
+    Case{"no_package", "cp -a \"$D\" none && rm none/cvpack", "cd none && \"$S/none/cvinst\"", "", 1,
+         {missingPackage("none")}},
     Case{"package_in_upper_case", "cp -a \"$D\" up && mv up/cvpack up/CVPACK && cp up/CVPACK up/CvPackEp",
          "cd up && \"$S/up/cvinst\"", "", 1, {missingPackage("up")}});
 
 E2E_CASES(Console,
-    Case{"banner", "", "q", "", 1,
-         {"^\n\n" + kStars + "\n" + kStars + kBanner + "*                       Version 10.0                    \n" + kStars +
-              "\n" + kStars + "\n\nEstimated disk space needed:  167 MB (including 25 MB for tag files)\n\n" + kPause,
-          "!INSTALLATION PROGRAM"}},
-    Case{"banner_plugin", "cp -a \"$B/dist-plugin\" pl", "pl/cvinst -d -post-install", "", 1,
-         {"^\n\n" + kStars + "\n" + kStars + kPluginBanner + "*                       Version 10.0", "!INSTALLATION PROGRAM"}},
+    Case{"banner", "", "q", "", 1, {"^\n\n" + kStars + "\n" + kStars + kBanner + "*                       Version "
+         "10.0                    \n" + kStars + "\n" + kStars + "\n\nEstimated disk space needed:  167 MB (including "
+         "25 MB for tag files)\n\n" + kPause, "!INSTALLATION PROGRAM"}},
+    Case{"banner_plugin", "", "\"$B/dist-plugin/cvinst\" -d", "", 1,
+         {"^\n\n" + kStars + "\n" + kStars + kPluginBanner + "*                       Version 10.0", "!INSTALLATION"}},
     agree("agreement_yes", "\nyes\n", 0, 1), agree("agreement_upper", "\nYES\n", 0, 1),
-    agree("agreement_crlf", "\r\nyes\r\n", 0, 1), agree("agreement_whole_word", "\ny\nn\nYe\n\nyes please\nyes\n", 0, 6),
+    agree("agreement_crlf", "\r\nyes\r\n", 0, 1),
+    agree("agreement_whole_word", "\ny\nn\nYe\n\nyes please\nyes\n", 0, 6),
     agree("agreement_no", "\nno\n", 1, 1), agree("agreement_no_any_case", "\nNo\n", 1, 1),
     Case{"no_license_text", "cp -a \"$D\" nl && rm nl/license.txt", "nl/cvinst -d -post-install", "\n$S/i\ny\n", 0,
-         {"!license terms", kDirQ}, {"test -d i"}},
-    Case{"license_from_odd_dir", "cp -a \"$D\" " + shq(kOdd), "cd " + shq(kOdd) + " && \"$S\"/" + shq(kOdd) + "/cvinst -d -post-install",
-         answers("$S/i"), 0, {kLicense, kAgree},
-         {"test -z \"$(ls -d \"$S\"/pwned* \"$D\"/pwned* \"$S\"/" + shq(kOdd) + "/pwned* 2>/dev/null)\""}},
+         {"!license terms", kDirQ}, {kTestI}},
+    Case{"license_from_odd_dir", "cp -a \"$D\" " + shq(kOdd), "cd " + shq(kOdd) + " && \"$S\"/" + shq(kOdd) +
+         "/cvinst -d -post-install", answers("$S/i"), 0, {kLicense, kAgree},
+         {"test -z \"$(ls -d pwned* dist/pwned* " + shq(kOdd) + "/pwned* 2>/dev/null)\""}},
     // Overlong and random answers: a clear end, no crash. The pager of the agreement reads what
     // standard input holds beyond the installer's buffer, so the long runs end at a question.
     Case{"long_line_at_pause", "", "q", kLong + "\n" + answers("$S/i"), 1, {kAgree, kAgree, "!" + kDirQ}},

@@ -21,9 +21,11 @@ namespace {
 
 // Helpers for the command lines. The sandbox is $S, the distribution $D, the demo payloads $P
 // and $PP, the build directory $B (with dist-plugin/), the built $I, $MK and $MSG.
-const char kPrelude[] = R"SH(cd "$S"; D=$S/dist; B=${MSG%/*}; T='uname cp mv rm mkdir tar uncompress chgrp chown touch more'
+const char kPrelude[] = R"SH(cd "$S"; D=$S/dist; B=${MSG%/*}
+T='uname cp mv rm mkdir tar uncompress chgrp chown touch more'
 cvinst() { "$D/cvinst" "$@"; }
 q() { cvinst -d -post-install "$@"; }
+cvnobody() { nobody "$D/cvinst" "$@"; }
 inst() { "$S/$1/cvinst" -d -post-install -destination-dir "$S/$2" "${@:3}"; }
 mkd() { "$MK" --payload "${2:-$P}" --package "${3:-cvpack}" --out "$S/$1" --installer "$I" --messages "$MSG" \
   --license "$P/license.txt" >/dev/null; }
@@ -37,26 +39,19 @@ tools() { local d=$S/$1 t; shift; mkdir -p "$d"; for t; do ln -s "$(command -v "
 intact() { (cd "$S/$1" && ! find . -type f ! -name '$alias.crv' ! -exec cmp -s {} "$S/$2/{}" \; -print | grep -q .); }
 noise() { perl -e 'srand $ARGV[1]; my $b = pack "C*", map { rand 256 } 1..65536;
   print substr($b x ($ARGV[0] / 65536 + 1), 0, $ARGV[0])' "$1" "$2" | tr -d "$3"; }
-xvfb() { local n x i; command -v Xvfb >/dev/null || { echo "skip: Xvfb is not installed"; exit 77; }
-  for n in $(seq $((40 + $$ % 400)) $((69 + $$ % 400))); do
-    [ -e /tmp/.X11-unix/X$n ] || [ -e /tmp/.X$n-lock ] && continue
-    Xvfb :$n -nolisten tcp </dev/null >/dev/null 2>&1 & x=$!
-    for i in $(seq 200); do
-      [ -e /tmp/.X11-unix/X$n ] && [ "$(tr -d ' ' </tmp/.X$n-lock 2>/dev/null)" = $x ] &&
-        { export DISPLAY=:$n; trap "kill $x; wait $x" EXIT; return; }
-      kill -0 $x 2>/dev/null || break; sleep 0.05; done
-    kill $x 2>/dev/null; wait $x; done
-  echo "skip: Xvfb could not be started on any free display"; exit 77; }
+xvfb() { local x i; command -v Xvfb >/dev/null || { echo "skip: Xvfb is not installed"; exit 77; }
+  Xvfb -displayfd 3 -nolisten tcp 3>"$S/.display" </dev/null >/dev/null 2>&1 & x=$!
+  for i in $(seq 200); do [ -s "$S/.display" ] || sleep 0.05; done
+  [ -s "$S/.display" ] || { echo "skip: Xvfb could not be started"; exit 77; }
+  export DISPLAY=:$(cat "$S/.display"); rm "$S/.display"; trap "kill $x; wait $x" EXIT; }
 )SH";
 
-struct RunResult {
-    int status = -1;   // exit status, 128 + n after signal n, -1 after the time limit
-    std::string out, err;
-};
+// Exit status (128 + n after signal n, -1 after the time limit), standard output and error.
+struct RunResult { int status; std::string out, err; };
 
-std::string readFile(const std::string& path) {
+std::string readFile(Str path) {
     std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 std::string expand(std::string text, const std::string& sandbox) {
@@ -85,9 +80,9 @@ void failStatfs(int error) {
 // is killed afterwards, with the input on standard input and the output in files beside the sandbox.
 RunResult run(const std::string& sandbox, const std::string& command, const std::string& input = "",
               int statfsErrno = 0) {
-    std::vector<std::string> env = {"PATH=/usr/local/bin:/usr/bin:/bin", "HOME=" + sandbox, "LANG=C", "S=" + sandbox,
-                                    "I=" CVINST_BUILT_INSTALLER, "MK=" CVINST_BUILT_MKDIST, "MSG=" CVINST_BUILT_MESSAGES,
-                                    "P=" CVINST_DEMO_PAYLOAD, "PP=" CVINST_DEMO_PLUGIN_PAYLOAD};
+    Lines env = {"PATH=/usr/local/bin:/usr/bin:/bin", "HOME=" + sandbox, "LANG=C", "S=" + sandbox,
+                 "I=" CVINST_BUILT_INSTALLER, "MK=" CVINST_BUILT_MKDIST, "MSG=" CVINST_BUILT_MESSAGES,
+                 "P=" CVINST_DEMO_PAYLOAD, "PP=" CVINST_DEMO_PLUGIN_PAYLOAD};
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
     std::string script = kPrelude + command, in = sandbox + ".in", out = sandbox + ".1", err = sandbox + ".2";
@@ -95,7 +90,7 @@ RunResult run(const std::string& sandbox, const std::string& command, const std:
     for (std::string& entry : env) envp.push_back(&entry[0]);
     envp.push_back(nullptr);
     std::ofstream(in, std::ios::binary) << input;
-    RunResult result;
+    RunResult result{-1, "", ""};
     pid_t pid = fork(), done = 0;
     if (pid == 0) {
         setpgid(0, 0);

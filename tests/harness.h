@@ -31,6 +31,8 @@ class E2E : public ::testing::TestWithParam<Case> {};
     INSTANTIATE_TEST_SUITE_P(suite, E2E, ::testing::ValuesIn(std::vector<Case>{__VA_ARGS__}), \
                              [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; })
 
+using Str = const std::string&;
+using Lines = std::vector<std::string>;
 inline const std::string kPause = "<ENTER> to continue...";
 inline const std::string kAgree = "Do you agree to the above license terms? [yes or no]\n";
 inline const std::string kDirQ = "Install directory [";
