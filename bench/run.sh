@@ -6,8 +6,8 @@
 # full/tenth: a generated editor-like payload of about 142 MB in about 3000 files, or a tenth
 # of it, is packed by cvmkdist into a distribution (cached under build-bench/bench-work while
 # the generator, the demo payload and cvmkdist stay the same). After one warm-up round, rounds
-# of three runs, each into a fresh empty directory and in an order that rotates from round to
-# round, time
+# of three runs, each into a fresh empty directory (on a tmpfs, see setup_runs) and in an
+# order that rotates from round to round, time
 #   tar     tar xzf cvpack
 #   install a complete unattended installation: setup.ini with DestinationDir, -post-install,
 #           the banner and the agreement answered on standard input
@@ -18,7 +18,7 @@
 # micro: the Google Benchmark microbenchmarks, medians of five repetitions.
 #
 # Environment: ROUNDS (rounds for the full payload, default 11), ROUNDS_TENTH (default 21),
-# BENCH_WORK (work directory, default build-bench/bench-work).
+# BENCH_WORK (work directory, default build-bench/bench-work), BENCH_DISK=1 (unpack on disk).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -42,6 +42,9 @@ echo "load before: $(cut -d' ' -f1-3 /proc/loadavg)"
 stats() { sort -g | awk '{v[NR] = $1} END {printf "%s %s %s\n", v[int((NR + 1) / 2)], v[1], v[NR]}'; }
 ms() { awk -v us="$1" 'BEGIN {printf "%.1f", us / 1000}'; }
 micros() { local t=${EPOCHREALTIME/./}; echo $((10#$t)); }
+# CPU time (user + system) in microseconds of the children that a subshell waited for, from
+# the second line of the times builtin's output ("0m1.234s 0m0.567s").
+children_cpu() { awk 'NR == 2 { split($1, u, "m"); split($2, s, "m"); printf "%d\n", (u[1] * 60 + u[2] + s[1] * 60 + s[2]) * 1e6 }'; }
 
 # The distribution for one payload size, rebuilt only when its inputs changed.
 make_dist() {
@@ -63,44 +66,65 @@ make_dist() {
   fi
   # Always the installer just built.
   cp -f "$build/installer/cvinst" "$build/cdinst.cvb" "$dir/dist/"
-  printf '[unattended]\nDestinationDir=%s\n' "$dir/run/install" >"$dir/dist/setup.ini"
 }
 
-# A fresh, empty target directory with nothing of the previous run left to write back.
-fresh() {
-  rm -rf "$1" && mkdir -p "$1"
-  sync
+# Where the runs unpack: a tmpfs of our own, so that every run writes into memory alone.
+# On a disk file system the creation of thousands of files depends on what happened there
+# before (other users' writes and deletions, write-back), which swamps the difference being
+# measured. BENCH_DISK=1, or a machine where the mount is refused, uses a directory on disk
+# instead; there each run gets a new directory and nothing is deleted until the end.
+runs=$work/runs
+target_kind=tmpfs
+setup_runs() {
+  mkdir -p "$runs"
+  if [ "${BENCH_DISK:-0}" != 1 ] && ! mountpoint -q "$runs" && mount -t tmpfs -o size=3g,mode=0755 cvbench "$runs" 2>/dev/null; then
+    trap 'cd "$root"; umount "$runs" 2>/dev/null || true' EXIT
+  elif ! mountpoint -q "$runs"; then
+    target_kind="disk ($(df --output=fstype "$runs" | tail -1))"
+    rm -rf "${runs:?}"/*
+  fi
 }
 
-# One timed run of the given kind; prints microseconds.
+# A new, empty directory for one run. On tmpfs the tree of the previous run of the same kind
+# goes first, so that memory holds at most one tree of each kind.
+new_target() {
+  local kind=$1 round=$2
+  [ "$target_kind" = tmpfs ] && rm -rf "$runs/$kind"-*
+  mkdir -p "$runs/$kind-$round"
+  echo "$runs/$kind-$round"
+}
+
+# One timed run of the given kind; prints its wall-clock and its CPU time in microseconds.
 run_one() {
-  local kind=$1 dir=$2 start end
+  local kind=$1 dir=$2 round=$3 target start end
+  target=$(new_target "$kind" "$round")
   case $kind in
     tar)
-      fresh "$dir/run/tar"
       start=$(micros)
-      (cd "$dir/run/tar" && tar xzf "$dir/dist/cvpack")
+      (cd "$target" && tar xzf "$dir/dist/cvpack" && times >"$runs/cpu")
       end=$(micros) ;;
     install|skip)
-      fresh "$dir/run/install"
+      printf '[unattended]\nDestinationDir=%s\n' "$target" >"$dir/dist/setup.ini"
       local flags=(-post-install)
       [ "$kind" = skip ] && flags+=(-s)
       start=$(micros)
-      if ! (cd "$dir/dist" && printf '\nyes\n' | ./cvinst "${flags[@]}" >"$dir/run/$kind.log" 2>&1); then
-        echo "cvinst ${flags[*]} failed; see $dir/run/$kind.log" >&2
+      if ! (cd "$dir/dist" && printf '\nyes\n' | ./cvinst "${flags[@]}" >"$runs/$kind.log" 2>&1 && times >"$runs/cpu"); then
+        echo "cvinst ${flags[*]} failed; see $runs/$kind.log" >&2
         exit 1
       fi
       end=$(micros)
-      grep -q 'INSTALLATION SUCCESSFULLY COMPLETED' "$dir/run/$kind.log" ||
-        { echo "cvinst ${flags[*]} did not complete; see $dir/run/$kind.log" >&2; exit 1; } ;;
+      grep -q 'INSTALLATION SUCCESSFULLY COMPLETED' "$runs/$kind.log" ||
+        { echo "cvinst ${flags[*]} did not complete; see $runs/$kind.log" >&2; exit 1; } ;;
   esac
-  echo $((end - start))
+  echo "$((end - start)) $(children_cpu <"$runs/cpu")"
 }
 
-report() {  # label, file of values, unit divisor note
-  local label=$1 file=$2 m lo hi
-  read -r m lo hi < <(stats <"$file")
-  printf '  %-34s median %8s ms   range %8s - %8s ms\n' "$label" "$(ms "$m")" "$(ms "$lo")" "$(ms "$hi")"
+report() {  # label, file of wall-clock times, file of CPU times (microseconds)
+  local label=$1 m lo hi cm
+  read -r m lo hi < <(stats <"$2")
+  read -r cm _ < <(stats <"$3")
+  printf '  %-34s median %8s ms   range %8s - %8s ms   CPU %8s ms\n' "$label" "$(ms "$m")" "$(ms "$lo")" \
+    "$(ms "$hi")" "$(ms "$cm")"
 }
 
 ratio_report() {  # label, file of per-round ratios
@@ -121,58 +145,68 @@ bench_size() {
   rm -rf "$t" && mkdir -p "$t"
   local kinds=(tar install skip) order kind
   local -A took=()
-  for kind in "${kinds[@]}"; do run_one "$kind" "$dir" >/dev/null; done   # warm-up
-  echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (rounds: $rounds)"
+  local result wall cpu
+  for kind in "${kinds[@]}"; do run_one "$kind" "$dir" w >/dev/null; done   # warm-up
+  echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (rounds: $rounds, unpacking into $target_kind)"
   for ((r = 0; r < rounds; r++)); do
     order=("${kinds[@]:r%3}" "${kinds[@]:0:r%3}")
     for kind in "${order[@]}"; do
-      took[$kind]=$(run_one "$kind" "$dir")
-      echo "${took[$kind]}" >>"$t/$kind"
+      result=$(run_one "$kind" "$dir" "$r")
+      read -r wall cpu <<<"$result"
+      took[$kind]=$wall
+      echo "$wall" >>"$t/$kind"
+      echo "$cpu" >>"$t/$kind-cpu"
     done
     awk -v a="${took[install]}" -v b="${took[tar]}" 'BEGIN {print a / b}' >>"$t/install-ratio"
     awk -v a="${took[skip]}" -v b="${took[tar]}" 'BEGIN {print a / b}' >>"$t/skip-ratio"
   done
-  report "tar xzf cvpack" "$t/tar"
-  report "cvinst (unattended, complete)" "$t/install"
-  report "cvinst -s" "$t/skip"
+  report "tar xzf cvpack" "$t/tar" "$t/tar-cpu"
+  report "cvinst (unattended, complete)" "$t/install" "$t/install-cpu"
+  report "cvinst -s" "$t/skip" "$t/skip-cpu"
   ratio_report "install / tar, per round" "$t/install-ratio"
   ratio_report "install -s / tar, per round" "$t/skip-ratio"
 
   # Verification alone, over the tree the last tar run left, against cat of the same files.
-  local tree=$dir/run/tar
+  local tree
+  tree=$(ls -d "$runs"/tar-* | tail -1)
   local files_listed=()
   mapfile -t files_listed < <(sed 's/ [-0-9]* [-0-9]*$//' "$tree/distribfilelist")
   "$build/bench/verify_timer" "$tree" >/dev/null 2>&1 || { echo "verification of $tree failed" >&2; exit 1; }
   (cd "$tree" && cat -- "${files_listed[@]}" >/dev/null)
   echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (verification rounds: $rounds)"
-  local start end v c inner
+  local start end v c m lo hi
   for ((r = 0; r < rounds; r++)); do
     # verify then cat in even rounds, cat then verify in odd ones
     for step in 0 1; do
       if [ $(((r + step) % 2)) -eq 0 ]; then
         start=$(micros)
-        inner=$("$build/bench/verify_timer" "$tree" 2>&1 >/dev/null | awk '/^verify_us/ {print $2}')
+        ("$build/bench/verify_timer" "$tree" 2>"$runs/inner" >/dev/null && times >"$runs/cpu")
         end=$(micros)
         v=$((end - start))
-        echo "$inner" >>"$t/verify-inner"
+        awk '/^verify_us/ {print $2}' "$runs/inner" >>"$t/verify-inner"
+        children_cpu <"$runs/cpu" >>"$t/verify-cpu"
       else
         start=$(micros)
-        (cd "$tree" && cat -- "${files_listed[@]}" >/dev/null)
+        (cd "$tree" && cat -- "${files_listed[@]}" >/dev/null && times >"$runs/cpu")
         end=$(micros)
         c=$((end - start))
+        children_cpu <"$runs/cpu" >>"$t/cat-cpu"
       fi
     done
     echo "$v" >>"$t/verify"
     echo "$c" >>"$t/cat"
     awk -v a="$v" -v b="$c" 'BEGIN {print a / b}' >>"$t/verify-ratio"
   done
-  report "verification (verify_timer)" "$t/verify"
-  report "  the pass alone, timed inside" "$t/verify-inner"
-  report "cat of the ${#files_listed[@]} listed files" "$t/cat"
+  report "verification (verify_timer)" "$t/verify" "$t/verify-cpu"
+  read -r m lo hi < <(stats <"$t/verify-inner")
+  printf '  %-34s median %8s ms   range %8s - %8s ms\n' "  the pass alone, timed inside" "$(ms "$m")" \
+    "$(ms "$lo")" "$(ms "$hi")"
+  report "cat of the ${#files_listed[@]} listed files" "$t/cat" "$t/cat-cpu"
   ratio_report "verification / cat, per round" "$t/verify-ratio"
-  rm -rf "$dir/run"
+  rm -rf "${runs:?}"/*
 }
 
+setup_runs
 for part in "${parts[@]}"; do
   case $part in
     full) bench_size full 1 "$rounds_full" ;;
