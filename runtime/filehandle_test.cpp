@@ -4,6 +4,7 @@
 
 #include "runtime/path.h"
 #include "runtime/pool.h"
+#include "runtime/zipreader.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -143,7 +144,14 @@ TEST_F(FileTest, ReaderLockAndWholeFileReads) {
     EXPECT_TRUE(fileLockReaderByte(fd) == 3 && lseek(fd, 0, SEEK_CUR) == 0);
     EXPECT_TRUE(fcntl(probe, F_OFD_GETLK, &byte3) == 0 && byte3.l_type == F_WRLCK);  // taken
     EXPECT_TRUE(fcntl(probe, F_OFD_GETLK, &byte4) == 0 && byte4.l_type == F_UNLCK);  // free
-    close(fd), close(probe), close(holder);
+    close(fd);  // drops this process's lock of byte 3 again
+    held.l_len = 1999;  // bytes 0 to 1998 held: 1999 is the last one tried
+    fd = open(path.c_str(), O_RDWR);
+    EXPECT_TRUE(fcntl(holder, F_OFD_SETLK, &held) == 0 && fileLockReaderByte(fd) == 1999);
+    close(fd);
+    held.l_len = 2000;
+    EXPECT_TRUE(fcntl(holder, F_OFD_SETLK, &held) == 0 && fileLockReaderByte(probe) == -1);
+    close(probe), close(holder);
 
     std::string big;
     for (int i = 0; i < 100000; ++i) big += static_cast<char>(i * 7);
@@ -161,6 +169,19 @@ TEST_F(FileTest, ReaderLockAndWholeFileReads) {
     char* buffer = &big[0];
     int32_t length = -1;
     EXPECT_TRUE(fileReadAll(at("missing").c_str(), &buffer, &length, 0, 0) == -2 && !buffer && length == 0);
+    // A file that reads shorter than its size (sysfs reports 4096 bytes) ends at what was read.
+    std::ifstream sys("/sys/devices/system/cpu/online");
+    std::string online((std::istreambuf_iterator<char>(sys)), std::istreambuf_iterator<char>());
+    EXPECT_TRUE(fileReadAll("/sys/devices/system/cpu/online", &buffer, &length, 0, 0) == 0 && buffer == online);
+    libFree(buffer);
+    // A directory cannot be read whole, and its handle is given back: the last one closed is reused.
+    int32_t h = fileOpen(path.c_str(), 0);
+    EXPECT_TRUE(fileClose(h, -1) == 0 && fileReadAll(tmp_.c_str(), &buffer, &length, 0, 0) < 0);
+    EXPECT_TRUE(fileOpen(path.c_str(), 0) == h && fileClose(h, -1) == 0);
+    // A path of 512 characters or more is opened as it is (the handle keeps it cut to 511).
+    std::string deep = tmp_ + "/" + std::string(200, 'a') + "/" + std::string(200, 'b') + "/" + std::string(200, 'c');
+    ASSERT_EQ(system(("mkdir -p " + deep).c_str()), 0);
+    EXPECT_EQ(readThroughHandle(put(deep.substr(tmp_.size() + 1) + "/f", "deep")), std::make_pair(0, std::string("deep")));
 }
 
 // ---- Archives written byte by byte ----
@@ -275,6 +296,7 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
     // Members are for reading only, and only with archive access on.
     std::string member = zip + "/hello.txt";
     XXFH_JAR jar;
+    EXPECT_EQ(jar.seek(0, 2), 0);  // a fresh member object holds nothing
     EXPECT_TRUE(fileOpen(member.c_str(), 1) == -2113 && fileOpen(member.c_str(), 2) == -2113);
     EXPECT_EQ(jar.openMember(zip.c_str(), "hello.txt", 3), -2113);
     fileSetArchiveDecompressor(nullptr);
@@ -287,7 +309,15 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
     fileSetArchiveDecompressor(uncompress);
     char buf[64];
     EXPECT_TRUE(jar.open(member.c_str(), 0) == 0 && jar.read(buf, sizeof buf) == size && jar.close(-1) == 0);
+    EXPECT_EQ(jar.seek(0, 2), 0);  // nor does a closed one
     EXPECT_EQ(std::string(buf, hello.size()), hello);
+    // The reader underneath: its results, and the name hash of the format.
+    unsigned char* bytes = reinterpret_cast<unsigned char*>(buf);
+    uint32_t count = 7;
+    EXPECT_TRUE(zipReadMember(zip.c_str(), "hello.txt", nullptr, &bytes, &count) == 0 && count == hello.size());
+    free(bytes);
+    EXPECT_TRUE(zipReadMember(zip.c_str(), "missing", nullptr, &bytes, &count) == -2 && !bytes && !count);
+    EXPECT_TRUE(zipNameHash("Abc", 3) == 0x6783 && zipNameHash("META-INF/MANIFEST.MF", 20) == 0xacd4ab6);
 }
 
 TEST_F(FileTest, DamagedArchives) {
