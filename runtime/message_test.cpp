@@ -87,6 +87,8 @@ TEST_F(MessageTest, LookupMarkersOverrideAndReload) {
     EXPECT_STREQ(getMessage(1), "Error");
     setMessageOverride(5, "five");
     EXPECT_STREQ(getMessage(5), "Error");
+    setMessageOverride(0, "zero");
+    EXPECT_STREQ(getMessage(0), "Error");
     setMessageOverride(-2, "busy %s1 100%%");
     EXPECT_STREQ(getMessage(-2), "busy %s1 100%%");  // verbatim
     EXPECT_STREQ(getMessage(-3), "Error");

@@ -43,6 +43,7 @@ TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
     EXPECT_TRUE(bufAppend(&buf, &len, nullptr, 20) == 0 && len == 20 && memCapacity(buf) == 28);  // reserved
     char* before = buf;
     EXPECT_TRUE(bufAppend(&buf, &len, nullptr, 0x7FFFFFFE) == -8 && buf == before && len == 20);
+    EXPECT_TRUE(bufAppend(&buf, &len, "x", -1) == -8 && len == 20);
     memFree(buf);
     // Library blocks: headers up to 512 (small pool), up to 32768 (medium), else n + 8 rounded to 1024.
     const struct { int32_t n; uint32_t lowest, highest; } rows[] = {
@@ -123,14 +124,15 @@ TEST_F(PoolTest, CarvingMergingSearchOrderAndClamps) {
     void *x = wide.allocate(16), *y = wide.allocate(16);
     EXPECT_TRUE(wide.release(x) == 0 && wide.release(x) == -3073 && wide.release(y) == 0);  // x already free
 
-    make(16, 128);
+    make(17, 128);  // (17 - 1) / 8 + 2 lists
     alloc(8);
     testing::internal::CaptureStdout();
     pool->printStatistics();
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "POMAllocator:  block size = 128\nPOMAllocator:  number of blocks allocated = 1\n"
-              "POMAllocator:  minimum allocation size = 8\nPOMAllocator:  maximum allocation size = 16\n"
+              "POMAllocator:  minimum allocation size = 8\nPOMAllocator:  maximum allocation size = 17\n"
               "POMAllocator:    free list[0] total entries = 0\nPOMAllocator:    free list[0] total entries = 0\n"
+              "POMAllocator:    free list[0] total entries = 0\n"
               "POMAllocator:    free list[96] total entries = 1\n");
     make(64, 8192);
     char *a = alloc(16), *b = alloc(20), *c = alloc(3);  // 20 is rounded to 24, 3 raised to 8
@@ -180,11 +182,12 @@ TEST_F(PoolTest, UnpooledChunksAndReallocation) {
     p = resize(p, 300);
     EXPECT_TRUE(gReallocs == 1 && chunk(p)[0] == 300 && p[99] == 1);
     EXPECT_TRUE(pool->release(p) == 0 && gReleases == 1);
-    make(64, 64);  // a request that fits no block is unpooled too
-    p = alloc(56);
-    EXPECT_EQ(chunk(p)[1], 0u);
-    pool->release(p);
-    EXPECT_EQ(pool->blocksAllocated(), 0u);
+    make(64, 72);  // a request that fits no block is unpooled too; one that just fits takes a block
+    p = alloc(64);
+    char* q = alloc(56);
+    EXPECT_TRUE(chunk(p)[1] == 0 && chunk(q)[0] == 56 && chunk(q)[1] == 1);
+    pool->release(p), pool->release(q);
+    EXPECT_EQ(pool->blocksAllocated(), 1u);
 
     make(512, 8192);
     char *a = alloc(64), *b = alloc(16);
@@ -203,12 +206,12 @@ TEST_F(PoolTest, UnpooledChunksAndReallocation) {
     EXPECT_TRUE(n != m && chunk(m)[1] == 3 && std::memcmp(n, "fedcba9876543210", 16) == 0);
     char* u = resize(n, 600);  // to an unpooled chunk and back
     EXPECT_TRUE(chunk(u)[1] == 0 && std::memcmp(u, "fedcba9876543210", 16) == 0);
-    char* back = resize(u, 10);
+    char* back = resize(u, 512);
     EXPECT_TRUE(chunk(back)[1] == 1 && std::memcmp(back, "fedcba9876", 10) == 0);
     pool->release(back), pool->release(c);
     EXPECT_TRUE(pool->blocksAllocated() == 1 && gAllocs == gReleases);
     char* z = resize(nullptr, 20);
-    EXPECT_TRUE(chunk(z)[0] == 24 && pool->release(z) == 0);
+    EXPECT_TRUE(chunk(z)[0] == 24 && resize(z, 1) == z && chunk(z)[0] == 8 && pool->release(z) == 0);
 }
 
 TEST_F(PoolTest, MixedOperationsKeepEveryChunkIntact) {
