@@ -34,7 +34,7 @@ TEST(MessageSource, ParsesFormatsAndReportsBadLines) {
     EXPECT_TRUE(entries[0].line == 3 && entries[4].line == 7);
     EXPECT_FALSE(parseMessageSource("0\tGeneric\nabc\tnot a code\n-2 no tab\n1\tpositive\n-2\tfirst\n# comment\n"
                                     "-2\tagain\n-9\tbad \\q escape\n-10\ttrailing \\\n-11\t\\x4\n-12\t\\x00\n"
-                                    "-100001\ttoo low\n99999999999\toverflow\n-3\n", entries, errors = {}));
+                                    "-100001\ttoo low\n99999999999\tpositive\n99999999999999999999\tx\n-4\tfine\n-3\n", entries, errors = {}));
     EXPECT_EQ(errors, (Strings{"line 2: code 'abc' is not a number", "line 3: code '-2 no tab' is not a number",
                                "line 4: code 1 is positive; codes are 0 or negative",
                                "line 7: code -2 already given on line 5", "line 8: unknown escape \\q",
@@ -42,18 +42,19 @@ TEST(MessageSource, ParsesFormatsAndReportsBadLines) {
                                "line 10: \\x needs two hex digits", "line 11: a text cannot hold a NUL byte",
                                "line 12: code -100001 is below -100000",
                                "line 13: code 99999999999 is positive; codes are 0 or negative",
-                               "line 14: a TAB must separate the code from its text"}));
+                               "line 14: code '99999999999999999999' is not a number",
+                               "line 16: a TAB must separate the code from its text"}));
     EXPECT_FALSE(parseMessageSource("-2\tFile not found.\n", entries, errors = {}));
     EXPECT_EQ(errors, Strings{"no entry for code 0 (the text for codes without one of their own)"});
 
     // Source and binary forms read back unchanged; the binary layout is little-endian with the
     // texts behind the table.
     std::vector<MsgEntry> in = {{-5, "five", 0}, {0, "Generic", 0}, {-3, "", 0}, {-4, "# not a comment", 0},
-                                {-2, "back\\slash\nnew\tline\r\x01\x1f\x7f end ", 0}, {-6, "caf\xc3\xa9 100%% %s1", 0},
+                                {-2, "back\\slash\nnew\tline\r\x01\x1a\x1f\x7f end ", 0}, {-6, "caf\xc3\xa9 100%% %s1", 0},
                                 {-100000, "lowest", 0}};  // every byte of a code counts
     std::string text = formatMessageSource(in), error;
     EXPECT_EQ(text.substr(0, 7), "-5\tfive");
-    EXPECT_NE(text.find("\n-2\tback\\\\slash\\nnew\\tline\\r\\x01\\x1F\\x7F end \n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\n-2\tback\\\\slash\\nnew\\tline\\r\\x01\\x1A\\x1F\\x7F end \n"), std::string::npos) << text;
     ASSERT_TRUE(parseMessageSource(text, entries, errors) && readMessageFile(buildMessageFile(in), read, error));
     EXPECT_TRUE(summary(entries) == summary(in) && summary(read) == summary(in));
     const std::vector<unsigned char> good = buildMessageFile({{0, "E", 0}, {-2, "Nf", 0}});
