@@ -1,5 +1,6 @@
 // Console primitives a run does not reach or cannot pin down: wrapping, the progress line,
-// field splitting, and the corners of the questions fed from a stream.
+// field splitting, and the corners of a directory answer (the questions themselves are asked in
+// every installation).
 #include "installer/console.h"
 
 #include <gtest/gtest.h>
@@ -56,26 +57,7 @@ TEST(Console, WrapProgressAndFields) {
     EXPECT_EQ(strlen(fieldOf(s(800, 'f').c_str(), 1, ':')), 511u);
 }
 
-TEST(Console, QuestionsReadInPiecesAndKeepTheRestOfALine) {
-    const std::string again = "Q? Please enter 'Y' or 'N'.\n";
-    // A yes/no question reads 510 characters at a time: the rest of a long line is the next answer.
-    const struct { std::string input; int32_t defaultAnswer, result, answer, second; std::string out; } rows[] = {
-        {"\n", 1, 0, 1, 42, "Q? "}, {"\n", 0, 0, 0, 42, "Q? "}, {"Yo\n", 0, 0, 1, 42, "Q? "},
-        {"nonsense\n", 1, 0, 0, 42, "Q? "}, {"maybe\n \ny\n", 0, 0, 1, 42, again + again + "Q? "},
-        {"", 1, 1, 42, 42, "Q? "},  // end of input leaves the answer alone
-        {s(2000, 'x') + "\n", 1, 1, 42, 42, again + again + again + again + "Q? "},
-        {"y" + s(509, 'x') + "n\n", 0, 0, 1, 0, "Q? Q? "},
-    };
-    for (const auto& row : rows) {
-        FILE* input = feed(row.input);
-        int32_t answer = 42, second = 42;
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(askYesNo("Q? ", &answer, row.defaultAnswer), row.result);
-        if (row.second != 42) askYesNo("Q? ", &second, 1);
-        EXPECT_TRUE(testing::internal::GetCapturedStdout() == row.out && answer == row.answer && second == row.second)
-            << row.input.substr(0, 20);
-        fclose(input), gConsoleIn = nullptr;
-    }
+TEST(Console, DirectoryAnswers) {
     // A directory answer gets its trailing "/"; the last character counts as the line end.
     const struct { std::string before, input; int32_t result; std::string after; } dirs[] = {
         {"/opt/corvane/", "/opt/x\n", 0, "/opt/x/"}, {"/opt/y", "\n", 0, "/opt/y/"}, {"", "\n", 0, ""},

@@ -74,15 +74,11 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         {"", "Linux", "", 9999, kOsLinux, "0", "0"}, {"", "OS/390;-v=03", "", 9999, kOsOs390, "0", "0"},
         {"", "HP-UX", "", 9999, kOsHpux, "0", "0"}, {"", "SCO_SV;-r=3.2", "", 9999, kOsSco, "0", "0"},
         {"", "OSF1", "", 9999, kOsDigitalUnix, "0", "0"}, {"", "IRIX", "", 9999, kOsIrix, "0", "0"},
-        // The override wins over uname.
-        {"Linux-2-4", kSolarisX86, "", 0, kOsLinux, "2", "4"}, {"os390-1-2", "", "", 0, kOsOs390, "1", "2"},
-        {"HPUX-11-0", "", "", 0, kOsHpux, "11", "0"}, {"sunos-4-1", "", "", 0, kOsSunos, "4", "1"},
-        {"isolaris-5-8", "", "", 0, kOsIntelSolaris, "5", "8"}, {"solaris-5-8", "", "", 0, kOsSolaris, "5", "8"},
-        {"sco-5-0", "", "", 0, kOsSco, "5", "0"},  {"IRIX-6-5b", "", "", 0, kOsIrix, "6", "5b"},
-        {"osf1-4-0", "", "", 0, kOsDigitalUnix, "4", "0"}, {"aix", "", "", 0, kOsAix, "", ""},
-        {"aix-4", "", "", 0, kOsAix, "4", ""}, {longOverride.c_str(), "", "", 0, kOsLinux, std::string(31, '7'), std::string(31, '8')},
-        {"hp-ux-11-0", "", "", 20, 99, "v", "r"}, {"irix64-6-5", "", "", 20, 99, "v", "r"},
-        {"os/390-1-2", "", "", 20, 99, "v", "r"}, {"-2-4", "", "", 20, 99, "v", "r"},
+        // The override wins over uname; its type is found without regard to case.
+        {"Linux-2-4", kSolarisX86, "", 0, kOsLinux, "2", "4"}, {"IRIX-6-5b", "", "", 0, kOsIrix, "6", "5b"},
+        {"isolaris-5-8", "", "", 0, kOsIntelSolaris, "5", "8"}, {"aix", "", "", 0, kOsAix, "", ""},
+        {longOverride.c_str(), "", "", 0, kOsLinux, std::string(31, '7'), std::string(31, '8')},
+        {"hp-ux-11-0", "", "", 20, 99, "v", "r"}, {"-2-4", "", "", 20, 99, "v", "r"},
     };
     for (const auto& r : rows) {
         fake("uname", r.uname);
