@@ -385,10 +385,19 @@ def object_targets(build):
     return objects
 
 
-def ninja(build, jobs, targets=()):
-    proc = subprocess.run(["ninja", "-C", build, "-j%d" % jobs] + list(targets),
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    return proc.returncode == 0, proc.stdout.decode(errors="replace")
+def ninja(build, jobs, targets=(), limit=None):
+    """Builds; returns (ok, log). A tool of the build that hangs (a faulty message compiler, say)
+    is ended after limit seconds."""
+    proc = subprocess.Popen(["ninja", "-C", build, "-j%d" % jobs] + list(targets),
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
+    try:
+        out, _ = proc.communicate(timeout=limit)
+    except subprocess.TimeoutExpired:
+        os.killpg(proc.pid, signal.SIGKILL)
+        out, _ = proc.communicate()
+        end_leftovers()
+        return False, out.decode(errors="replace") + "\nFAILED: the build did not finish in %d s\n" % limit
+    return proc.returncode == 0, out.decode(errors="replace")
 
 
 # ---------------------------------------------------------------------------------------------
@@ -586,7 +595,7 @@ def measure_one(args, f, path, original, pristine_dir, objects):
     # One build of everything; a failure in the faulty file's own object means the fault does
     # not compile, any later failure (a tool of the build that now fails) counts as caught.
     started = time.time()
-    ok, log = ninja(args.build, args.jobs)
+    ok, log = ninja(args.build, args.jobs, limit=args.budget)
     record["build_seconds"] = round(time.time() - started, 2)
     if not ok:
         failed = [l[len("FAILED:"):].strip() for l in log.splitlines() if l.startswith("FAILED:")]
@@ -682,6 +691,8 @@ def cmd_report(args):
 
 def cmd_compare(args):
     def load(path):
+        if os.path.isdir(path):
+            path = os.path.join(path, "results.jsonl")
         records = read_jsonl(path)
         return {r["id"]: r for r in records if "id" in r}
     before, after = load(args.before), load(args.after)
@@ -709,6 +720,7 @@ def cmd_compare(args):
 
 
 def main():
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # quietly stop when the reader goes (| head)
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     sub = p.add_subparsers(dest="cmd", required=True)
     s = sub.add_parser("list")
