@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "installer/console.h"
@@ -24,13 +25,17 @@ std::string run(Op op) {
 }
 
 TEST(FileUtil, DirectoryTreesAndTheQuestionBeforeCreating) {
-    const std::pair<const char*, const char*> parents[] = {
-        {"/a/b/c", "/a/b/"}, {"/a", "/"}, {"relative/path", "relative/path"}, {"/", "/"}, {"/a/b/", "/a/b/"}, {"", ""}};
-    for (const auto& row : parents) {
-        char path[kPathSize];
-        strCopyBounded(path, row.first, kPathSize);
-        cutToParentDir(path);
-        EXPECT_STREQ(path, row.second) << row.first;
+    // A path, its parent directory, and the path without and with one trailing "/".
+    const struct { const char *path, *parent, *stripped, *appended; } rows[] = {
+        {"/a/b/c", "/a/b/", "/a/b/c", "/a/b/c/"}, {"/a", "/", "/a", "/a/"}, {"rel/path", "rel/path", "rel/path", "rel/path/"},
+        {"/", "/", "/", "/"}, {"/a/b/", "/a/b/", "/a/b", "/a/b/"}, {"", "", "", "/"}};
+    for (const auto& row : rows) {
+        char parent[kPathSize], stripped[kPathSize], appended[kPathSize];
+        strCopyBounded(parent, row.path, kPathSize), strCopyBounded(stripped, row.path, kPathSize);
+        strCopyBounded(appended, row.path, kPathSize);
+        cutToParentDir(parent), stripTrailingSlash(stripped), appendSlash(appended);
+        EXPECT_TRUE(!strcmp(parent, row.parent) && !strcmp(stripped, row.stripped) && !strcmp(appended, row.appended))
+            << row.path << ": " << parent << " " << stripped << " " << appended;
     }
     resetInstallState();
     char pattern[] = "/tmp/fileutil_test.XXXXXX";
