@@ -196,6 +196,7 @@ bench_size() {
     echo "$v" >>"$t/verify"
     echo "$c" >>"$t/cat"
     awk -v a="$v" -v b="$c" 'BEGIN {print a / b}' >>"$t/verify-ratio"
+    awk -v a="$(tail -1 "$t/verify-inner")" -v b="$c" 'BEGIN {print a / b}' >>"$t/pass-ratio"
   done
   report "verification (verify_timer)" "$t/verify" "$t/verify-cpu"
   read -r m lo hi < <(stats <"$t/verify-inner")
@@ -203,6 +204,7 @@ bench_size() {
     "$(ms "$lo")" "$(ms "$hi")"
   report "cat of the ${#files_listed[@]} listed files" "$t/cat" "$t/cat-cpu"
   ratio_report "verification / cat, per round" "$t/verify-ratio"
+  ratio_report "  the pass alone / cat, per round" "$t/pass-ratio"
   rm -rf "${runs:?}"/*
 }
 
