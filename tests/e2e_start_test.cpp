@@ -257,4 +257,4 @@ E2E_CASES(Console,
     Case{"long_line_at_creation", "", "q", "\nyes\n$S/i\n" + kLong + "\ny\n", 1,
          {"Please enter 'Y' or 'N'.\n", msg("Cannot query install directory.")}},
     // No "/": an answer taken as install directory stays inside the distribution.
-    Case{"noise_at_every_question", "", "noise 200000 12345 / | q", "", 1, {}});
+    Case{"noise_at_every_question", "", "noise 200000 12345 / >in && q <in", "", 1, {}});
