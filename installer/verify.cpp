@@ -108,10 +108,13 @@ int32_t checkRecord(const ListRecord& record) {
 
 uint32_t fileChecksum(const char* path, int32_t size) {
     if (size > gChecksumCapacity) {
-        free(gChecksumBuffer);
+        // The old contents are not needed, but realloc keeps the pages already touched where it
+        // can (a large block is moved by remapping it): growing the buffer file by file then
+        // faults in the largest file's size once, not again at every larger file.
         long long wanted = static_cast<long long>(size) + 100;
-        gChecksumBuffer = wanted <= INT32_MAX ? static_cast<unsigned char*>(malloc(static_cast<size_t>(wanted)))
-                                              : nullptr;
+        void* grown = wanted <= INT32_MAX ? realloc(gChecksumBuffer, static_cast<size_t>(wanted)) : nullptr;
+        if (grown == nullptr) free(gChecksumBuffer);
+        gChecksumBuffer = static_cast<unsigned char*>(grown);
         gChecksumCapacity = gChecksumBuffer != nullptr ? static_cast<int32_t>(wanted) : 0;
         if (gChecksumBuffer == nullptr) {
             printMessage("Cannot allocation memory to check %s.", path);
