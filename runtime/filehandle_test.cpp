@@ -67,16 +67,11 @@ TEST_F(FileTest, HandleTableAndStatusCodes) {
         EXPECT_TRUE(fileRead(h, &c, 1) == -33 && fileSeek(h, 0, 0) == -33 && fileWrite(h, "x", 1) == -34) << h;
         EXPECT_TRUE(fileTruncate(h) == -34 && fileFlush(h) == -34 && fileClose(h, -1) == -35) << h;
     }
-    // The table grows past its first rows, and the last handle closed is the first reused.
-    std::string bytes;
-    for (int i = 0; i < 250; ++i) bytes += static_cast<char>('A' + i % 26);
-    path = put("f", bytes);
+    // The table grows past its first rows, each handle keeps its own position, and the last handle
+    // closed is the first reused.
     std::vector<int32_t> handles;
-    for (int i = 0; i < 250; ++i) {
-        handles.push_back(fileOpen(path.c_str(), 0));
-        ASSERT_EQ(fileSeek(handles.back(), i, 0), i);
-    }
-    for (int i = 0; i < 250; ++i) EXPECT_TRUE(fileRead(handles[i], &c, 1) == 1 && c == bytes[i]) << i;
+    for (int i = 0; i < 250; ++i) handles.push_back(fileOpen(path.c_str(), 0));
+    EXPECT_TRUE(fileSeek(handles[240], 2, 0) == 2 && fileRead(handles[240], &c, 1) == 1 && c == 'c');
     EXPECT_TRUE(fileClose(5, -1) == 0 && fileClose(7, -1) == 0);  // among the 250 open
     EXPECT_TRUE(fileOpen(path.c_str(), 0) == 7 && fileOpen(path.c_str(), 0) == 5);
     for (int32_t h : handles) EXPECT_EQ(fileClose(h, -1), 0);
@@ -111,16 +106,13 @@ TEST_F(FileTest, PlainFileModesAndPermissions) {
     EXPECT_TRUE(fileWrite(h, "x", 1) == -34 && fileClose(h, -1) == 0);
     h = fileOpen(path.c_str(), 1);
     EXPECT_TRUE(fileSeek(h, 0, 2) == 0 && fileClose(h, -1) == 0);  // truncated
-
+    // Modes 1 and 5 create files the umask allows; mode 2 creates them 0644 whatever the umask.
     mode_t old = umask(0);
-    const struct { int32_t mode; mode_t umask, expected; } rows[] = {
-        {1, 0, 0666}, {1, 022, 0644}, {1, 002, 0664}, {2, 0, 0644}, {5, 0, 0666}, {5, 022, 0644}};
-    for (const auto& r : rows) {
-        umask(r.umask);
-        std::string created = at("p" + std::to_string(&r - rows));
-        EXPECT_EQ(fileClose(fileOpen(created.c_str(), r.mode), -1), 0);
+    for (int32_t mode : {1, 2, 5}) {
+        std::string created = at("p" + std::to_string(mode));
         struct stat st;
-        EXPECT_TRUE(stat(created.c_str(), &st) == 0 && (st.st_mode & 0777) == r.expected) << r.mode << " " << r.umask;
+        EXPECT_TRUE(fileClose(fileOpen(created.c_str(), mode), -1) == 0 && stat(created.c_str(), &st) == 0 &&
+                    (st.st_mode & 0777) == (mode == 2 ? 0644u : 0666u)) << mode;
     }
     umask(old);
 }
@@ -129,28 +121,22 @@ TEST_F(FileTest, ReaderLockAndWholeFileReads) {
     std::string path = put("f", std::string(100, 'x'));
     // Mode 0 opens read-only, where no byte can be locked; that is no error.
     EXPECT_EQ(readThroughHandle(path), std::make_pair(0, std::string(100, 'x')));
-    int ro = open(path.c_str(), O_RDONLY), fd = open(path.c_str(), O_RDWR);
-    lseek(ro, 3, SEEK_SET);
-    EXPECT_TRUE(fileLockReaderByte(ro) == -1 && lseek(ro, 0, SEEK_CUR) == 0);
-    EXPECT_EQ(fileLockReaderByte(fd), 0);
-    close(fd), close(ro);  // drops this process's locks on the file
-    // Another reader holds bytes 0 to 2 (an open-file lock conflicts with this process's locks).
+    int ro = open(path.c_str(), O_RDONLY);
+    EXPECT_EQ(fileLockReaderByte(ro), -1);
+    close(ro);
+    // Another reader holds the first bytes (an open-file lock conflicts with this process's locks):
+    // the first free one is taken, at most byte 1999, and the position goes back to the start.
     int holder = open(path.c_str(), O_RDWR), probe = open(path.c_str(), O_RDWR);
-    fd = open(path.c_str(), O_RDWR);
-    struct flock held = {F_WRLCK, SEEK_SET, 0, 3, 0}, byte3 = {F_WRLCK, SEEK_SET, 3, 1, 0}, byte4 = byte3;
-    byte4.l_start = 4;
-    ASSERT_EQ(fcntl(holder, F_OFD_SETLK, &held), 0);
-    lseek(fd, 50, SEEK_SET);
-    EXPECT_TRUE(fileLockReaderByte(fd) == 3 && lseek(fd, 0, SEEK_CUR) == 0);
-    EXPECT_TRUE(fcntl(probe, F_OFD_GETLK, &byte3) == 0 && byte3.l_type == F_WRLCK);  // taken
-    EXPECT_TRUE(fcntl(probe, F_OFD_GETLK, &byte4) == 0 && byte4.l_type == F_UNLCK);  // free
-    close(fd);  // drops this process's lock of byte 3 again
-    held.l_len = 1999;  // bytes 0 to 1998 held: 1999 is the last one tried
-    fd = open(path.c_str(), O_RDWR);
-    EXPECT_TRUE(fcntl(holder, F_OFD_SETLK, &held) == 0 && fileLockReaderByte(fd) == 1999);
-    close(fd);
-    held.l_len = 2000;
-    EXPECT_TRUE(fcntl(holder, F_OFD_SETLK, &held) == 0 && fileLockReaderByte(probe) == -1);
+    struct flock byte3 = {F_WRLCK, SEEK_SET, 3, 1, 0};
+    for (int held : {3, 1999, 2000}) {
+        struct flock lock = {F_WRLCK, SEEK_SET, 0, held, 0};
+        int fd = open(path.c_str(), O_RDWR);
+        lseek(fd, 50, SEEK_SET);
+        EXPECT_TRUE(fcntl(holder, F_OFD_SETLK, &lock) == 0 && fileLockReaderByte(fd) == (held < 2000 ? held : -1) &&
+                    lseek(fd, 0, SEEK_CUR) == 0) << held;
+        if (held == 3) EXPECT_TRUE(fcntl(probe, F_OFD_GETLK, &byte3) == 0 && byte3.l_type == F_WRLCK);  // taken
+        close(fd);  // drops this process's lock again
+    }
     close(probe), close(holder);
 
     std::string big;
@@ -272,19 +258,13 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
             << r.path;
         EXPECT_EQ(readThroughHandle(r.path), std::make_pair(r.open, r.content));
     }
-    char* buffer = nullptr;
-    int32_t length = 0;
-    ASSERT_EQ(fileReadAll((zip + "/sub/deep.txt").c_str(), &buffer, &length, 0, 0), 0);
-    EXPECT_TRUE(std::string(buffer, static_cast<size_t>(length)) == deep && buffer[length] == 0);
-    libFree(buffer);
-
     // Seek: whence 0 from the start, 1 from the current position, else from the end, unchecked;
     // reading outside the member gives nothing.
     const std::string hello = "Hello, archive.\n";
     int32_t h = fileOpen((zip + "/hello.txt").c_str(), 0), size = int32_t(hello.size());
     const struct { int32_t offset, whence, position; uint32_t count; std::string bytes; } steps[] = {
-        {0, 2, size, 64, ""}, {-4, 2, size - 4, 64, hello.substr(size - 4)}, {7, 0, 7, 0, ""},
-        {2, 1, 9, 3, hello.substr(9, 3)}, {1, 7, size + 1, 64, ""}, {1000, 0, 1000, 64, ""}, {-5, 0, -5, 64, ""}};
+        {-4, 2, size - 4, 64, hello.substr(size - 4)}, {7, 0, 7, 0, ""}, {2, 1, 9, 3, hello.substr(9, 3)},
+        {1, 7, size + 1, 64, ""}, {-5, 0, -5, 64, ""}};
     for (const auto& s : steps) {
         char buf[64];
         EXPECT_EQ(fileSeek(h, s.offset, s.whence), s.position);
@@ -297,20 +277,17 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
     std::string member = zip + "/hello.txt";
     XXFH_JAR jar;
     EXPECT_EQ(jar.seek(0, 2), 0);  // a fresh member object holds nothing
-    EXPECT_TRUE(fileOpen(member.c_str(), 1) == -2113 && fileOpen(member.c_str(), 2) == -2113);
-    EXPECT_EQ(jar.openMember(zip.c_str(), "hello.txt", 3), -2113);
+    EXPECT_TRUE(fileOpen(member.c_str(), 2) == -2113 && jar.openMember(zip.c_str(), "hello.txt", 3) == -2113);
     fileSetArchiveDecompressor(nullptr);
-    EXPECT_TRUE(jar.openMember(zip.c_str(), "hello.txt", 0) == -2113 && jar.open(member.c_str(), 0) == -2113);
+    EXPECT_TRUE(jar.open(member.c_str(), 0) == -2113 && fileOpen(member.c_str(), 0) == -2113);
     EXPECT_TRUE(fileArchiveMemberExists(member.c_str()) == -1 && entryExists(member.c_str()) == 0);
-    EXPECT_TRUE(fileOpen(member.c_str(), 0) == -2113 && fileOpen(member.c_str(), 2) == -2113);
     // The archive itself and paths whose prefixes are no archives stay plain files.
     EXPECT_EQ(readThroughHandle(at("d.zip/plain.txt")).second, "plain");
     EXPECT_EQ(readThroughHandle(zip).first, 0);
     fileSetArchiveDecompressor(uncompress);
     char buf[64];
     EXPECT_TRUE(jar.open(member.c_str(), 0) == 0 && jar.read(buf, sizeof buf) == size && jar.close(-1) == 0);
-    EXPECT_EQ(jar.seek(0, 2), 0);  // nor does a closed one
-    EXPECT_EQ(std::string(buf, hello.size()), hello);
+    EXPECT_TRUE(jar.seek(0, 2) == 0 && std::string(buf, hello.size()) == hello);  // a closed one holds nothing
     // The reader underneath: its results, and the name hash of the format.
     unsigned char* bytes = reinterpret_cast<unsigned char*>(buf);
     uint32_t count = 7;
@@ -337,30 +314,23 @@ TEST_F(FileTest, DamagedArchives) {
     const std::string empties = buildZip({stored("empty", ""), deflated("nothing", "")}).bytes;
     const struct { const char* what; std::string bytes; int32_t code; const char* member = "a.txt";
                    std::string content = ""; } rows[] = {
-        {"stored", t, 0, "a.txt", text}, {"deflated", t, 0, "b.txt", text},
-        {"empty stored", empties, 0, "empty"}, {"empty deflated", empties, 0, "nothing"},
+        {"stored", t, 0, "a.txt", text}, {"deflated", t, 0, "b.txt", text}, {"empty deflated", empties, 0, "nothing"},
         {"exact case wins", cases, 0, "READ.ME", "upper"}, {"exact case wins too", cases, 0, "Read.me", "mixed"},
         {"end record at offset 1", buildZip({stored("a.txt", text)}, 0, 4096 - 23).bytes, 0, "a.txt", text},
-        {"end record at offset 0", atZero.bytes, -4134}, {"nothing but an end record", buildZip({}).bytes, -4134},
-        {"empty file", "", -4134}, {"no end record", std::string(10000, 'P'), -4134},
+        {"end record at offset 0", atZero.bytes, -4134}, {"no end record", std::string(10000, 'P'), -4134},
         {"too many entries", patched(t, end + 8, 2, 500), -4137},
         {"entry beyond the block", patched(padded.bytes, padded.end + 8, 2, 2), -4137},
         {"name beyond the block", patched(t, c1 + 28, 2, 0xffff), -4137},
         {"extra field beyond the block", patched(t, c0 + 30, 2, 0x8000), -4137},
-        {"directory past the end", patched(t, end + 16, 4, size + 100), -4137},
         {"directory in the end record", patched(t, end + 16, 4, size - 10), -4137},
         {"directory offset huge", patched(t, end + 16, 4, 0xfffffff0u), -4137},
         {"local header past the end", patched(t, c0 + 42, 4, size - 10), -4137},
-        {"local header offset huge", patched(t, c0 + 42, 4, 0xffffff00u), -4137},
         {"no local header there", patched(t, c0 + 42, 4, u32(c0)), -4137},
         {"stored size past the end", patched(patched(t, c0 + 20, 4, 0x7fff0000u), c0 + 24, 4, 0x7fff0000u), -33},
         {"deflated size past the end", patched(t, c1 + 20, 4, size), -33, "b.txt"},
-        {"local name past the end", patched(t, two.local[0] + 28, 2, 0xffff), -33},
         {"unknown method", buildZip({{"a.txt", text, 12, n}}).bytes, -4136},
-        {"not deflate data", buildZip({{"a.txt", std::string(40, '\xff'), 8, n}}).bytes, -4136},
         {"inflates shorter", buildZip({{"a.txt", packed, 8, n + 1}}).bytes, -4136},
         {"inflates longer", buildZip({{"a.txt", packed, 8, n - 1}}).bytes, -4136},
-        {"claims a huge size", buildZip({{"a.txt", packed, 8, 0x7ff00000u}}).bytes, -4136},
         {"cut deflate data", buildZip({{"a.txt", packed.substr(0, packed.size() / 2), 8, n}}).bytes, -4136},
         {"stored sizes differ", buildZip({{"a.txt", text, 0, 5}}).bytes, -4136},
     };
