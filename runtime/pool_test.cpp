@@ -150,6 +150,12 @@ TEST_F(PoolTest, CarvingMergingSearchOrderUnpooledAndClamps) {
     EXPECT_TRUE(gAllocs == 2 && pool->blocksAllocated() == 2);
     pool->release(a), pool->release(b), pool->release(c);
     EXPECT_EQ(gReleases, 2);
+    // The first chunk of a block leaves a free rest only when that gets 8 bytes or more.
+    for (auto sizes : {std::make_pair(88u, 72u), std::make_pair(96u, 64u)}) {
+        make(64, sizes.first);
+        a = alloc(64);
+        EXPECT_TRUE(chunk(a)[0] == sizes.second && pool->release(a) == 0 && gReleases == 1) << sizes.first;
+    }
 }
 
 TEST_F(PoolTest, MixedOperationsKeepEveryChunkIntact) {
