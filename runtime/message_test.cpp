@@ -1,12 +1,7 @@
-// The message file service: lookup, argument markers, the override, reloading, damaged files,
-// and the program directory.
+// The message file service: lookup, argument markers, the override, reloading and damaged files.
 #include "runtime/message.h"
 
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <limits.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -123,25 +118,6 @@ TEST_F(MessageTest, ErrorTextsOfTheServiceAndDamagedFiles) {
     reloadMessageFile();
     std::string text = getMessage(-2);
     EXPECT_TRUE(text.size() == 99u && text.rfind("Unable to open message file '" + dir + "ddd", 0) == 0);
-}
-
-TEST(ProgramDirectory, FollowsLinksAndSearchesPath) {
-    char tmpl[] = "/tmp/progdirXXXXXX", real[PATH_MAX];
-    ASSERT_TRUE(mkdtemp(tmpl) && realpath(tmpl, real));
-    std::string root = tmpl, expected = std::string(real) + "/real/";
-    ASSERT_EQ(mkdir((root + "/real").c_str(), 0777) + mkdir((root + "/links").c_str(), 0777), 0);
-    ASSERT_EQ(close(creat((root + "/real/prog").c_str(), 0700)), 0);
-    ASSERT_EQ(symlink((root + "/real/prog").c_str(), (root + "/links/prog").c_str()), 0);
-    char out[512];
-    EXPECT_EQ(getProgramDirectory(out, (root + "/links/prog").c_str()), int32_t(expected.size()));
-    EXPECT_EQ(std::string(out), expected);
-    std::string saved = getenv("PATH");  // a bare name is searched along PATH
-    setenv("PATH", ("/nonexistent:" + root + "/links").c_str(), 1);
-    out[0] = 0;
-    getProgramDirectory(out, "prog");
-    setenv("PATH", saved.c_str(), 1);
-    EXPECT_EQ(std::string(out), expected);
-    EXPECT_EQ(system(("rm -rf " + root).c_str()), 0);
 }
 
 }  // namespace
