@@ -56,25 +56,41 @@ protected:
     std::string tmp_;
 };
 
-TEST_F(FileTest, HandleTableAndStatusCodes) {
+TEST_F(FileTest, HandlesModesAndStatusCodes) {
     EXPECT_TRUE(fileClose(0, -1) == -35 && fileClose(1, -1) == -35 && fileClose(2, -1) == -35);
     EXPECT_TRUE(fileWrite(1, "", 0) == 0 && fcntl(2, F_GETFD) != -1);
-    std::string path = put("f", "abc");
-    int32_t closed = fileOpen(path.c_str(), 0);
-    EXPECT_TRUE(closed >= 3 && fileClose(closed, -1) == 0);
+    // Written, cut short and overwritten in place through the modes that write.
+    std::string path = at("f");
     char c;
-    for (int32_t h : {-1, 99999, INT32_MIN, closed}) {
-        EXPECT_TRUE(fileRead(h, &c, 1) == -33 && fileSeek(h, 0, 0) == -33 && fileWrite(h, "x", 1) == -34) << h;
-        EXPECT_TRUE(fileTruncate(h) == -34 && fileFlush(h) == -34 && fileClose(h, -1) == -35) << h;
+    int32_t h = fileOpen(path.c_str(), 2);
+    EXPECT_TRUE(h >= 3 && fileWrite(h, "hello world", 11) == 11 && fileSeek(h, -6, 1) == 5 && fileTruncate(h) == 0);
+    EXPECT_TRUE(fileFlush(h) == 0 && fileSeek(h, 0, 2) == 5 && fileSeek(h, 0, 9) == -52 && fileSeek(h, -100, 0) == -52);
+    EXPECT_EQ(fileClose(h, -1), 0);
+    h = fileOpen(path.c_str(), 4);  // write only: the read fails with EBADF, the read's default
+    EXPECT_TRUE(fileRead(h, &c, 1) == -33 && fileWrite(h, "J", 1) == 1 && fileClose(h, -1) == 0);
+    EXPECT_EQ(readThroughHandle(path).second, "Jello");
+    h = fileOpen(path.c_str(), 0);
+    EXPECT_TRUE(fileWrite(h, "x", 1) == -34 && fileClose(h, -1) == 0);
+    for (int32_t closed : {-1, 99999, INT32_MIN, h}) {
+        EXPECT_TRUE(fileRead(closed, &c, 1) == -33 && fileSeek(closed, 0, 0) == -33) << closed;
+        EXPECT_TRUE(fileWrite(closed, "x", 1) == -34 && fileTruncate(closed) == -34 && fileFlush(closed) == -34);
+        EXPECT_EQ(fileClose(closed, -1), -35) << closed;
     }
     // The table grows past its first rows, each handle keeps its own position, and the last handle
     // closed is the first reused.
     std::vector<int32_t> handles;
     for (int i = 0; i < 250; ++i) handles.push_back(fileOpen(path.c_str(), 0));
-    EXPECT_TRUE(fileSeek(handles[240], 2, 0) == 2 && fileRead(handles[240], &c, 1) == 1 && c == 'c');
+    EXPECT_TRUE(fileSeek(handles[240], 2, 0) == 2 && fileRead(handles[240], &c, 1) == 1 && c == 'l');
     EXPECT_TRUE(fileClose(5, -1) == 0 && fileClose(7, -1) == 0);  // among the 250 open
     EXPECT_TRUE(fileOpen(path.c_str(), 0) == 7 && fileOpen(path.c_str(), 0) == 5);
-    for (int32_t h : handles) EXPECT_EQ(fileClose(h, -1), 0);
+    for (int32_t open : handles) EXPECT_EQ(fileClose(open, -1), 0);
+    // Mode 1 truncates; mode 2 creates files 0644 whatever the umask.
+    EXPECT_TRUE(fileSeek(h = fileOpen(path.c_str(), 1), 0, 2) == 0 && fileClose(h, -1) == 0);
+    mode_t old = umask(0);
+    struct stat st;
+    EXPECT_TRUE(fileClose(fileOpen(at("p").c_str(), 2), -1) == 0 && stat(at("p").c_str(), &st) == 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    umask(old);
 
     const std::pair<int, int32_t> errnos[] = {{0, 0},       {ENOENT, -2}, {ENOTDIR, -3}, {ENFILE, -4},
                                               {EMFILE, -4}, {EACCES, -5}, {ETXTBSY, -5}, {ENOMEM, -8},
@@ -87,30 +103,6 @@ TEST_F(FileTest, HandleTableAndStatusCodes) {
         {"f", 6, -52}, {"f", -1, -52}, {"new", 4, -2},  // unknown modes; write-only needs the file
     };
     for (const auto& r : rows) EXPECT_EQ(fileOpen(at(r.rel).c_str(), r.mode), r.code) << r.rel << " " << r.mode;
-}
-
-TEST_F(FileTest, PlainFileModesAndPermissions) {
-    std::string path = at("f");
-    int32_t h = fileOpen(path.c_str(), 2);
-    EXPECT_TRUE(h >= 3 && fileWrite(h, "hello world", 11) == 11 && fileSeek(h, 0, 2) == 11);
-    EXPECT_TRUE(fileSeek(h, -6, 1) == 5 && fileTruncate(h) == 0 && fileFlush(h) == 0 && fileSeek(h, 0, 2) == 5);
-    EXPECT_TRUE(fileSeek(h, 0, 9) == -52 && fileSeek(h, -100, 0) == -52 && fileClose(h, -1) == 0);
-    h = fileOpen(path.c_str(), 3);
-    char buf[16];
-    EXPECT_TRUE(fileRead(h, buf, 16) == 5 && std::string(buf, 5) == "hello" && fileClose(h, -1) == 0);
-    h = fileOpen(path.c_str(), 4);  // write only: the read fails with EBADF, the read's default
-    EXPECT_TRUE(fileRead(h, buf, 1) == -33 && fileWrite(h, "J", 1) == 1 && fileClose(h, -1) == 0);
-    EXPECT_EQ(readThroughHandle(path).second, "Jello");
-    h = fileOpen(path.c_str(), 0);
-    EXPECT_TRUE(fileWrite(h, "x", 1) == -34 && fileClose(h, -1) == 0);
-    h = fileOpen(path.c_str(), 1);
-    EXPECT_TRUE(fileSeek(h, 0, 2) == 0 && fileClose(h, -1) == 0);  // truncated
-    // Mode 2 creates files 0644 whatever the umask.
-    mode_t old = umask(0);
-    struct stat st;
-    EXPECT_TRUE(fileClose(fileOpen(at("p").c_str(), 2), -1) == 0 && stat(at("p").c_str(), &st) == 0);
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
-    umask(old);
 }
 
 TEST_F(FileTest, ReaderLockAndWholeFileReads) {
@@ -191,18 +183,16 @@ Member deflated(const std::string& name, const std::string& text) {
 // field of 3 bytes, central ones one of 4.
 std::string buildZip(const std::vector<Member>& members) {
     std::string s;
-    std::vector<uint32_t> local;
     for (const Member& m : members) {
-        local.push_back(u32(s.size()));
         pack(s, "4222444422", {0x04034b50, 20, 0, m.method, 0, 0, u32(m.stored.size()), m.size, u32(m.name.size()), 3});
         s += m.name + "xyz" + m.stored;
     }
-    uint32_t directory = u32(s.size()), count = u32(members.size());
-    for (size_t i = 0; i < members.size(); ++i) {
-        const Member& m = members[i];
+    uint32_t directory = u32(s.size()), count = u32(members.size()), local = 0;
+    for (const Member& m : members) {
         pack(s, "4222244442222244", {0x02014b50, 20, 20, 0, m.method, 0, 0, u32(m.stored.size()), m.size,
-                                     u32(m.name.size()), 4, 0, 0, 0, 0, local[i]});
+                                     u32(m.name.size()), 4, 0, 0, 0, 0, local});
         s += m.name + "abcd";
+        local += 30 + u32(m.name.size()) + 3 + u32(m.stored.size());  // the member's local header and data
     }
     pack(s, "42222442", {0x06054b50, 0, 0, count, count, u32(s.size()) - directory, directory, 0});
     return s;
@@ -213,7 +203,8 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
     for (int i = 0; i < 2000; ++i) deep += "line " + std::to_string(i % 37) + " of a compressible text\n";
     for (int i = 0; i < 3000; ++i) binary += static_cast<char>((i * 131 + i / 7) & 0xff);
     std::vector<Member> members = {deflated("sub/deep.txt", deep), stored("hello.txt", "Hello, archive.\n"),
-                                   stored("sub/", ""), deflated("bin.dat", binary)};
+                                   stored("sub/", ""), deflated("bin.dat", binary), deflated("nothing", ""),
+                                   stored("Read.me", "mixed"), stored("READ.ME", "upper")};
     for (int i = 0; i < 300; ++i)  // more names than the first hash table holds
         members.push_back(stored("m" + std::to_string(i) + ".txt", "member " + std::to_string(i)));
     std::string zip = put("a.zip", buildZip(members));
@@ -224,7 +215,8 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
     const struct { std::string path; int32_t member, exists, open; std::string content; } rows[] = {
         {zip + "/hello.txt", 1, 1, 0, "Hello, archive.\n"}, {zip + "/sub/deep.txt", 1, 1, 0, deep},
         {zip + "/bin.dat", 1, 1, 0, binary},   {zip + "/m17.txt", 1, 1, 0, "member 17"},
-        {zip + "/M299.TXT", 1, 1, 0, "member 299"},  // names match without regard to case
+        {zip + "/M299.TXT", 1, 1, 0, "member 299"},  // names match without regard to case, but exact case wins
+        {zip + "/READ.ME", 1, 1, 0, "upper"},   {zip + "/Read.me", 1, 1, 0, "mixed"}, {zip + "/nothing", 1, 1, 0, ""},
         {zip + "/sub", 1, 1, -2, ""},           {zip + "/sub/", 1, 1, 0, ""}, {zip + "/missing", 0, 0, -2, ""},
         {zip + "/sub/missing", 0, 0, -2, ""},  // its directory exists inside the archive: file not found
         {at("broken.zip/x"), 0, 0, -4134, ""},  {at("missing.zip/x"), -1, 0, -3, ""},
@@ -269,36 +261,25 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
 }
 
 TEST_F(FileTest, DamagedArchives) {
-    const std::string text = "The quick brown fox jumps over the lazy dog. The quick brown fox again.";
-    const std::string packed = rawDeflate(text), t = buildZip({stored("a.txt", text), deflated("b.txt", text)});
-    const uint32_t n = u32(text.size()), size = u32(t.size());
-    // Offsets of the two central headers and of the end record.
-    const size_t c0 = t.find("PK\1\2"), c1 = t.find("PK\1\2", c0 + 1), end = t.find("PK\5\6");
-    const std::string cases = buildZip({stored("Read.me", "mixed"), stored("READ.ME", "upper")});
-    // The end record is looked for in the last 4096 bytes, but not at their first byte.
-    const std::string one = buildZip({stored("a.txt", text)});
-    const struct { const char* what; std::string bytes; int32_t code; const char* member = "a.txt";
-                   std::string content = ""; } rows[] = {
-        {"stored", t, 0, "a.txt", text}, {"deflated", t, 0, "b.txt", text},
-        {"empty deflated", buildZip({deflated("nothing", "")}), 0, "nothing"},
-        {"exact case wins", cases, 0, "READ.ME", "upper"}, {"exact case wins too", cases, 0, "Read.me", "mixed"},
-        {"end record at offset 1", one + std::string(4096 - 23, 'T'), 0, "a.txt", text},
-        {"end record at offset 0", one + std::string(4096 - 22, 'T'), -4134},
-        {"no end record", std::string(10000, 'P'), -4134},
+    const std::string text = "The quick brown fox jumps over the lazy dog.", packed = rawDeflate(text);
+    const uint32_t n = u32(text.size());
+    const std::string t = buildZip({stored("a.txt", text)});
+    const size_t central = t.find("PK\1\2"), end = t.find("PK\5\6");
+    const struct { const char* what; std::string bytes; int32_t code; } rows[] = {
+        // The end record is looked for in the last 4096 bytes, but not at their first byte.
+        {"end record at offset 1", t + std::string(4096 - 23, 'T'), 0},
+        {"end record at offset 0", t + std::string(4096 - 22, 'T'), -4134},
         {"too many entries", patched(t, end + 8, 2, 500), -4137},
-        {"name beyond the block", patched(t, c1 + 28, 2, 0xffff), -4137},
         {"directory offset huge", patched(t, end + 16, 4, 0xfffffff0u), -4137},
-        {"no local header there", patched(t, c0 + 42, 4, u32(c0)), -4137},
-        {"stored size past the end", patched(patched(t, c0 + 20, 4, 0x7fff0000u), c0 + 24, 4, 0x7fff0000u), -33},
-        {"deflated size past the end", patched(t, c1 + 20, 4, size), -33, "b.txt"},
+        {"no local header there", patched(t, central + 42, 4, u32(central)), -4137},
+        {"stored size past the end", patched(patched(t, central + 20, 4, 1u << 30), central + 24, 4, 1u << 30), -33},
         {"unknown method", buildZip({{"a.txt", text, 12, n}}), -4136},
         {"inflates shorter", buildZip({{"a.txt", packed, 8, n + 1}}), -4136},
-        {"cut deflate data", buildZip({{"a.txt", packed.substr(0, packed.size() / 2), 8, n}}), -4136},
         {"stored sizes differ", buildZip({{"a.txt", text, 0, 5}}), -4136},
     };
     for (const auto& r : rows) {
         std::string zip = put("t" + std::to_string(&r - rows) + ".zip", r.bytes);
-        EXPECT_EQ(readThroughHandle(zip + "/" + r.member), std::make_pair(r.code, r.content)) << r.what;
+        EXPECT_EQ(readThroughHandle(zip + "/a.txt"), std::make_pair(r.code, std::string(r.code ? "" : text))) << r.what;
     }
 }
 
