@@ -17,52 +17,39 @@ namespace {
 const bool gProbeSet = setenv("CVRT_PATHTEST_PROBE", "a=b=c", 1) == 0;
 
 TEST(PathText, BoundedStringsPartsAndEnvironment) {
-    const struct { bool append; const char *before, *src; int32_t size; const char* after; } rows[] = {
-        {false, "zz", "abcdef", 4, "abc"}, {false, "zz", "abc", 4, "abc"}, {false, "zz", "abcdef", 1, ""},
-        {false, "zz", "abcdef", 0, ""},    {false, "zz", "abcdef", -1, ""}, {true, "abc", "def", 5, "abcd"},
-        {true, "abcd", "xyz", 5, "abcd"},  {true, "ab", "cd", 16, "abcd"},  {true, "abcd", "", 16, "abcd"},
-        // Exactly size characters lose the last one; longer ones are left as they are.
-        {true, "abcde", "x", 5, "abcd"},   {true, "abcdefg", "x", 5, "abcdefg"}, {true, "", "abc", 0, ""},
+    // op 'c' copies arg over before, 'a' appends it, both bounded to n; 'x' writes the extension of arg
+    // bounded to n, 'l' gives its directory length; 'P', 'N', 'E', 'B' and 'D' edit before in place.
+    const struct { char op; const char *before, *arg; int32_t n; const char* after; } rows[] = {
+        {'c', "zz", "abcdef", 4, "abc"},   {'c', "zz", "abc", 4, "abc"},    {'c', "zz", "abcdef", 1, ""},
+        {'c', "zz", "abcdef", 0, ""},      {'c', "zz", "abcdef", -1, ""},   {'a', "abc", "def", 5, "abcd"},
+        {'a', "abcd", "xyz", 5, "abcd"},   {'a', "ab", "cd", 16, "abcd"},   {'a', "", "abc", 0, ""},
+        // Exactly n characters lose the last one; longer ones are left as they are.
+        {'a', "abcde", "x", 5, "abcd"},    {'a', "abcdefg", "x", 5, "abcdefg"},
+        {'x', "", "/usr/lib/x.so", 9, ".so"}, {'x', "", "/a/b.tar.gz", 9, ".gz"}, {'x', "", "dir.d/name", 9, ""},
+        {'x', "", "dir.d\\name", 9, ""},   {'x', "", "/home/u/.profile", 9, ".profile"}, {'x', "", "name.", 9, "."},
+        {'x', "ab", "x.c", 0, "ab"},       {'x', "", "x.longext", 4, ".lo"},
+        {'l', "", "/usr/lib/x.so", 0, "9"}, {'l', "", "x.so", 0, "0"},   {'l', "", "/", 0, "1"},
+        {'l', "", "a\\b\\c", 0, "4"},      {'l', "", "a/b\\c", 0, "4"},    {'l', "", "", 0, "0"},
+        {'P', "/usr/lib/libx.so", "", 0, "libx.so"}, {'N', "/usr/lib/libx.so", "", 0, "/usr/lib/"},
+        {'E', "/usr/lib/libx.so", "", 0, "/usr/lib/libx"}, {'B', "/usr/lib.d/libx.so", "", 0, "libx"},
+        {'E', "/usr/lib.d/libx", "", 0, "/usr/lib.d/libx"}, {'D', "C:/tmp/x", "", 0, "/tmp/x"},
+        {'D', "/tmp/x", "", 0, "/tmp/x"},  {'N', "plain", "", 0, ""},
+        {'E', "a.abcdefghijklmnopqrstuvwxyz", "", 0, "a.abcdefg"},  // cut through a 20-byte buffer
     };
     for (const auto& r : rows) {
-        char mem[24];
+        char mem[40];
         memset(mem, 'X', sizeof mem);
         char* buf = mem + 1;  // mem[0] guards against writes in front of the buffer
         memcpy(buf, r.before, strlen(r.before) + 1);
-        (r.append ? strAppendBounded : strCopyBounded)(buf, r.src, r.size);
+        if (r.op == 'c' || r.op == 'a') (r.op == 'a' ? strAppendBounded : strCopyBounded)(buf, r.arg, r.n);
+        else if (r.op == 'x') pathExtension(r.arg, buf, r.n);
+        else if (r.op == 'l') strCopyBounded(buf, std::to_string(pathDirLength(r.arg)).c_str(), 8);
+        else pathPart(buf, r.op);
         EXPECT_TRUE(mem[0] == 'X' && std::string(buf) == r.after &&
                     buf[std::max(strlen(r.before), strlen(r.after)) + 1] == 'X')
-            << r.append << r.before << " " << r.size << ": " << buf;
+            << r.op << " " << r.before << r.arg << " " << r.n << ": " << buf;
     }
     EXPECT_TRUE(pathLastChar("") == 32 && pathLastChar("/usr/") == 47 && pathLastChar("abc") == 'c');
-    const struct { const char* path; int32_t dirLength; const char* extension; } parts[] = {
-        {"/usr/lib/x.so", 9, ".so"}, {"x.so", 0, ".so"},  {"/", 1, ""},           {"a\\b\\c", 4, ""},
-        {"a/b\\c", 4, ""},           {"", 0, ""},         {"/a/b.tar.gz", 3, ".gz"}, {"dir.d/name", 6, ""},
-        {"dir.d\\name", 6, ""},      {"/home/u/.profile", 8, ".profile"},       {"name.", 0, "."},
-    };
-    for (const auto& p : parts) {
-        char ext[32];
-        pathExtension(p.path, ext, sizeof ext);
-        EXPECT_TRUE(pathDirLength(p.path) == p.dirLength && std::string(ext) == p.extension) << p.path;
-    }
-    char ext[4] = "XXX";
-    pathExtension("x.c", ext, 0);
-    EXPECT_STREQ(ext, "XXX");
-    pathExtension("x.longext", ext, 4);
-    EXPECT_STREQ(ext, ".lo");
-    const struct { const char* path; char what; const char* result; } edits[] = {
-        {"/usr/lib/libx.so", 'P', "libx.so"},        {"/usr/lib/libx.so", 'N', "/usr/lib/"},
-        {"/usr/lib/libx.so", 'E', "/usr/lib/libx"},  {"/usr/lib.d/libx.so", 'B', "libx"},
-        {"/usr/lib.d/libx", 'E', "/usr/lib.d/libx"}, {"C:/tmp/x", 'D', "/tmp/x"},
-        {"/tmp/x", 'D', "/tmp/x"},                   {"plain", 'N', ""},
-        {"a.abcdefghijklmnopqrstuvwxyz", 'E', "a.abcdefg"},  // cut through a 20-byte buffer
-    };
-    for (const auto& e : edits) {
-        char p[64];
-        strCopyBounded(p, e.path, sizeof p);
-        pathPart(p, e.what);
-        EXPECT_STREQ(p, e.result) << e.what << " " << e.path;
-    }
     // The snapshot is taken at the first look-up; its first entry counts like any other.
     std::string first = environ[0];
     EXPECT_STREQ(envGet(first.substr(0, first.find('=')).c_str()), first.c_str() + first.find('=') + 1);
