@@ -87,16 +87,13 @@ TEST_F(MessageTest, LookupMarkersOverrideAndReload) {
 }
 
 TEST_F(MessageTest, ErrorTextsOfTheServiceAndDamagedFiles) {
-    std::string cannotOpen = "Unable to open message file '" + path() + "' not found";
-    EXPECT_EQ(getMessage(-2), cannotOpen);
-    write(messageFile({{0, "Error"}, {-2, "File not found"}}));
+    const std::string good = messageFile({{0, "Error"}, {-2, "File not found"}});
+    EXPECT_EQ(getMessage(-2), "Unable to open message file '" + path() + "' not found");
+    write(good);
     EXPECT_STREQ(getMessage(-2), "File not found");  // retried on every call
     // A wrong first word is reported once; then the file counts as empty until a reload.
-    load("\x21" + messageFile({{0, "Error"}}).substr(1));
-    EXPECT_EQ(getMessage(-2), error("not valid"));
-    EXPECT_EQ(getMessage(0), error("empty"));
-
-    const std::string good = messageFile({{0, "Error"}, {-2, "File not found"}});
+    load("\x21" + good.substr(1));
+    EXPECT_TRUE(getMessage(-2) == error("not valid") && getMessage(0) == error("empty"));
     // Text offsets past the end, one of them far beyond.
     const std::string outside = words({4386, 40, 0, 0, -2, 1000, -3, 0x7FFFFFF0, 0, -1}, std::string("Error\0", 6));
     // No terminator, the file ends inside the third entry; texts are read from the table area.
