@@ -92,10 +92,8 @@ TEST_F(FileTest, HandlesModesAndStatusCodes) {
     EXPECT_EQ(st.st_mode & 0777, 0644u);
     umask(old);
 
-    const std::pair<int, int32_t> errnos[] = {{0, 0},       {ENOENT, -2}, {ENOTDIR, -3}, {ENFILE, -4},
-                                              {EMFILE, -4}, {EACCES, -5}, {ETXTBSY, -5}, {ENOMEM, -8},
-                                              {EIO, -23},   {ENOSPC, -36}, {EINVAL, -52}, {EEXIST, -99}};
-    for (const auto& e : errnos) EXPECT_EQ(fileMapErrno(e.first, -99), e.second) << e.first;
+    // Codes that no open below produces.
+    EXPECT_TRUE(fileMapErrno(EMFILE, -99) == -4 && fileMapErrno(EACCES, -99) == -5 && fileMapErrno(EIO, -99) == -23);
     const struct { const char* rel; int32_t mode, code; } rows[] = {
         {"nodir/file", 0, -3}, {"nodir/deeper/file", 2, -3}, {"nofile", 0, -2}, {"nofile", 3, -2},
         {"f/below", 0, -3},  // ENOTDIR
@@ -109,18 +107,15 @@ TEST_F(FileTest, ReaderLockAndWholeFileReads) {
     std::string path = put("f", std::string(100, 'x'));
     // Another reader holds the first bytes (an open-file lock conflicts with this process's locks):
     // the first free one is taken, at most byte 1999, and the position goes back to the start.
-    int holder = open(path.c_str(), O_RDWR), probe = open(path.c_str(), O_RDWR);
-    struct flock byte3 = {F_WRLCK, SEEK_SET, 3, 1, 0};
+    int holder = open(path.c_str(), O_RDWR);
     for (int held : {3, 1999, 2000}) {
         struct flock lock = {F_WRLCK, SEEK_SET, 0, held, 0};
         int fd = open(path.c_str(), O_RDWR);
-        lseek(fd, 50, SEEK_SET);
-        EXPECT_TRUE(fcntl(holder, F_OFD_SETLK, &lock) == 0 && fileLockReaderByte(fd) == (held < 2000 ? held : -1) &&
-                    lseek(fd, 0, SEEK_CUR) == 0) << held;
-        if (held == 3) EXPECT_TRUE(fcntl(probe, F_OFD_GETLK, &byte3) == 0 && byte3.l_type == F_WRLCK);  // taken
+        EXPECT_TRUE(lseek(fd, 50, SEEK_SET) == 50 && fcntl(holder, F_OFD_SETLK, &lock) == 0 &&
+                    fileLockReaderByte(fd) == (held < 2000 ? held : -1) && lseek(fd, 0, SEEK_CUR) == 0) << held;
         close(fd);  // drops this process's lock again
     }
-    close(probe), close(holder);
+    close(holder);
 
     std::string big;
     for (int i = 0; i < 100000; ++i) big += static_cast<char>(i * 7);
