@@ -1,4 +1,4 @@
-// Bounded strings, path parts, the environment snapshot, the current directory, existence and
+// The last character of a path, the environment snapshot, the current directory, existence and
 // removal, absolute paths and link resolution, and the search along a list of directories.
 #include "runtime/path.h"
 
@@ -16,39 +16,7 @@ namespace {
 // Set before main so that it is part of the environment snapshot, whenever that is taken.
 const bool gProbeSet = setenv("CVRT_PATHTEST_PROBE", "a=b=c", 1) == 0;
 
-TEST(PathText, BoundedStringsPartsAndEnvironment) {
-    // op 'c' copies arg over before, 'a' appends it, both bounded to n; 'x' writes the extension of arg
-    // bounded to n, 'l' gives its directory length; 'P', 'N', 'E', 'B' and 'D' edit before in place.
-    const struct { char op; const char *before, *arg; int32_t n; const char* after; } rows[] = {
-        {'c', "zz", "abcdef", 4, "abc"},   {'c', "zz", "abc", 4, "abc"},    {'c', "zz", "abcdef", 1, ""},
-        {'c', "zz", "abcdef", 0, ""},      {'c', "zz", "abcdef", -1, ""},   {'a', "abc", "def", 5, "abcd"},
-        {'a', "abcd", "xyz", 5, "abcd"},   {'a', "ab", "cd", 16, "abcd"},   {'a', "", "abc", 0, ""},
-        // Exactly n characters lose the last one; longer ones are left as they are.
-        {'a', "abcde", "x", 5, "abcd"},    {'a', "abcdefg", "x", 5, "abcdefg"},
-        {'x', "", "/usr/lib/x.so", 9, ".so"}, {'x', "", "/a/b.tar.gz", 9, ".gz"}, {'x', "", "dir.d/name", 9, ""},
-        {'x', "", "dir.d\\name", 9, ""},   {'x', "", "/home/u/.profile", 9, ".profile"}, {'x', "", "name.", 9, "."},
-        {'x', "ab", "x.c", 0, "ab"},       {'x', "", "x.longext", 4, ".lo"},
-        {'l', "", "/usr/lib/x.so", 0, "9"}, {'l', "", "x.so", 0, "0"},   {'l', "", "/", 0, "1"},
-        {'l', "", "a\\b\\c", 0, "4"},      {'l', "", "a/b\\c", 0, "4"},    {'l', "", "", 0, "0"},
-        {'P', "/usr/lib/libx.so", "", 0, "libx.so"}, {'N', "/usr/lib/libx.so", "", 0, "/usr/lib/"},
-        {'E', "/usr/lib/libx.so", "", 0, "/usr/lib/libx"}, {'B', "/usr/lib.d/libx.so", "", 0, "libx"},
-        {'E', "/usr/lib.d/libx", "", 0, "/usr/lib.d/libx"}, {'D', "C:/tmp/x", "", 0, "/tmp/x"},
-        {'D', "/tmp/x", "", 0, "/tmp/x"},  {'N', "plain", "", 0, ""},
-        {'E', "a.abcdefghijklmnopqrstuvwxyz", "", 0, "a.abcdefg"},  // cut through a 20-byte buffer
-    };
-    for (const auto& r : rows) {
-        char mem[40];
-        memset(mem, 'X', sizeof mem);
-        char* buf = mem + 1;  // mem[0] guards against writes in front of the buffer
-        memcpy(buf, r.before, strlen(r.before) + 1);
-        if (r.op == 'c' || r.op == 'a') (r.op == 'a' ? strAppendBounded : strCopyBounded)(buf, r.arg, r.n);
-        else if (r.op == 'x') pathExtension(r.arg, buf, r.n);
-        else if (r.op == 'l') strCopyBounded(buf, std::to_string(pathDirLength(r.arg)).c_str(), 8);
-        else pathPart(buf, r.op);
-        EXPECT_TRUE(mem[0] == 'X' && std::string(buf) == r.after &&
-                    buf[std::max(strlen(r.before), strlen(r.after)) + 1] == 'X')
-            << r.op << " " << r.before << r.arg << " " << r.n << ": " << buf;
-    }
+TEST(PathText, LastCharacterAndEnvironment) {
     EXPECT_TRUE(pathLastChar("") == 32 && pathLastChar("/usr/") == 47 && pathLastChar("abc") == 'c');
     // The snapshot is taken at the first look-up; its first entry counts like any other.
     std::string first = environ[0];
