@@ -86,10 +86,9 @@ TEST_F(FileTest, HandlesModesAndStatusCodes) {
     EXPECT_TRUE(fileSeek(h = fileOpen(path.c_str(), 1), 0, 2) == 0 && fileClose(h, -1) == 0);  // truncated
 
     const struct { const char* rel; int32_t mode, code; } rows[] = {
+        // EEXIST and EISDIR give the open's default; modes 6 and -1 are unknown; write-only needs the file.
         {"nodir/file", 0, -3}, {"nodir/deeper/file", 2, -3}, {"nofile", 0, -2}, {"nofile", 3, -2},
-        {"f/below", 0, -3},  // ENOTDIR
-        {"f", 5, -32}, {"", 2, -32},  // EEXIST, EISDIR: the open's default
-        {"f", 6, -52}, {"f", -1, -52}, {"new", 4, -2},  // unknown modes; write-only needs the file
+        {"f/below", 0, -3}, {"f", 5, -32}, {"", 2, -32}, {"f", 6, -52}, {"f", -1, -52}, {"new", 4, -2},
     };
     for (const auto& r : rows) EXPECT_EQ(fileOpen(at(r.rel).c_str(), r.mode), r.code) << r.rel << " " << r.mode;
 }
@@ -185,14 +184,14 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
     put("d.zip/plain.txt", "plain");
     std::string inner = put("d.zip/inner.jar", buildZip({stored("x", "inner")}));
     const struct { std::string path; int32_t member, exists, open; std::string content; } rows[] = {
+        // Names match without regard to case, but exact case wins; a name missing from a directory that
+        // exists inside the archive is a file not found.
         {zip + "/hello.txt", 1, 1, 0, "Hello, archive.\n"}, {zip + "/sub/deep.txt", 1, 1, 0, deep},
-        {zip + "/m17.txt", 1, 1, 0, "member 17"},
-        {zip + "/M299.TXT", 1, 1, 0, "member 299"},  // names match without regard to case, but exact case wins
+        {zip + "/m17.txt", 1, 1, 0, "member 17"}, {zip + "/M299.TXT", 1, 1, 0, "member 299"},
         {zip + "/READ.ME", 1, 1, 0, "upper"},   {zip + "/Read.me", 1, 1, 0, "mixed"}, {zip + "/nothing", 1, 1, 0, ""},
         {zip + "/sub", 1, 1, -2, ""},           {zip + "/sub/", 1, 1, 0, ""}, {zip + "/missing", 0, 0, -2, ""},
-        {zip + "/sub/missing", 0, 0, -2, ""},  // its directory exists inside the archive: file not found
-        {odd + "/m12", 1, 1, -4136, ""},        {odd + "/short", 1, 1, -4136, ""}, {many + "/a", 0, 0, -4137, ""},
-        {at("broken.zip/x"), 0, 0, -4134, ""},  {at("missing.zip/x"), -1, 0, -3, ""},
+        {zip + "/sub/missing", 0, 0, -2, ""},  {odd + "/m12", 1, 1, -4136, ""}, {odd + "/short", 1, 1, -4136, ""},
+        {many + "/a", 0, 0, -4137, ""},  {at("broken.zip/x"), 0, 0, -4134, ""}, {at("missing.zip/x"), -1, 0, -3, ""},
         {at("d.zip/plain.txt"), -1, 1, 0, "plain"}, {inner + "/x", 1, 1, 0, "inner"},
     };
     for (const auto& r : rows) {

@@ -84,11 +84,10 @@ protected:
         std::istringstream out(testing::internal::GetCapturedStdout());
         std::string s, line;
         int i = 0;
-        for (int size, count; std::getline(out, line);) {
+        for (int size, count; std::getline(out, line);)
             if (sscanf(line.c_str(), "POMAllocator:    free list[%d] total entries = %d", &size, &count) == 2 &&
                 i++ >= 0 && count)
                 s += std::to_string(i - 1) + ":" + std::to_string(size) + "/" + std::to_string(count) + " ";
-        }
         return std::to_string(pool->blocksAllocated()) + "/" + std::to_string(i) + "|" + s;
     }
     POMAllocator* pool = nullptr;
@@ -152,10 +151,8 @@ TEST_F(PoolTest, MixedOperationsKeepEveryChunkIntact) {
         l.bytes = std::string(size, static_cast<char>(next()));
         std::memcpy(l.p, l.bytes.data(), size);
     }
-    for (const Live& l : live) {
-        if (!l.p) continue;
-        EXPECT_TRUE(std::string(l.p, l.bytes.size()) == l.bytes && pool->release(l.p) == 0);
-    }
+    for (const Live& l : live)
+        EXPECT_TRUE(!l.p || (std::string(l.p, l.bytes.size()) == l.bytes && pool->release(l.p) == 0));
     EXPECT_TRUE(lists().find("/0|") != std::string::npos && gAllocs == gReleases);  // no free lists left
 }
 
