@@ -1,5 +1,5 @@
-// Plain files through handles: the handle table, modes and status codes, the reader lock and
-// whole-file reads; archive members from archives written byte by byte, sound and damaged.
+// Plain files through handles: the handle table, modes and status codes, and whole-file reads;
+// archive members from archives written byte by byte, sound and damaged.
 #include "runtime/filehandle.h"
 
 #include "runtime/path.h"
