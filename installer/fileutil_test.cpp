@@ -1,5 +1,5 @@
-// Directory utilities: the parent of a path, trees made parent first, and the question before
-// a directory is made (no step asks it yet). Copying is checked by every installation.
+// Directory utilities: the parent of a path and trees made parent first. Copying is checked by
+// every installation.
 #include "installer/fileutil.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 #include <cstring>
 #include <string>
 
-#include "installer/console.h"
 #include "installer/state.h"
 #include "runtime/path.h"
 
@@ -24,7 +23,7 @@ std::string run(Op op) {
     return std::to_string(result) + ":" + testing::internal::GetCapturedStdout();
 }
 
-TEST(FileUtil, DirectoryTreesAndTheQuestionBeforeCreating) {
+TEST(FileUtil, PathsAndDirectoryTrees) {
     // A path, its parent directory, and the path without and with one trailing "/".
     const struct { const char *path, *parent, *stripped, *appended; } rows[] = {
         {"/a/b/c", "/a/b/", "/a/b/c", "/a/b/c/"}, {"/a", "/", "/a", "/a/"}, {"rel/path", "rel/path", "rel/path", "rel/path/"},
@@ -55,23 +54,6 @@ TEST(FileUtil, DirectoryTreesAndTheQuestionBeforeCreating) {
     // It stops at the first directory that cannot be made.
     EXPECT_EQ(run([&] { return makeDirectoryTree(blocked.c_str()); }), "1:Corvane Install: Cannot create directory " +
                                                                           at("file/sub") + ".\n");
-    // An existing one is not asked for; "no", then the default Y, then end of input.
-    std::string here = at("a/"), wanted = at("new/tree/"), never = at("never"), bad = at("file/sub/"), quiet = at("q/1/");
-    FILE* input = tmpfile();
-    fputs("no\n\n", input);
-    rewind(input);
-    gConsoleIn = input;
-    const std::string question = "Directory " + wanted + " does not exist. Create [Y]? ";
-    EXPECT_EQ(run([&] { return ensureDirectory(here.c_str(), 1) * 1 + ensureDirectory(wanted.c_str(), 1) * 2 +
-                               ensureDirectory(wanted.c_str(), 1) * 4 + ensureDirectory(never.c_str(), 1) * 8; }),
-              "10:" + question + question + "Directory " + never + " does not exist. Create [Y]? ");
-    gConsoleIn = nullptr;
-    fclose(input);
-    EXPECT_TRUE(isDir("new/tree") && !isDir("never"));
-    // Without asking; a directory that cannot be made is reported but not a failure.
-    EXPECT_EQ(run([&] { return ensureDirectory(quiet.c_str(), 0) + ensureDirectory(bad.c_str(), 0); }),
-              "0:Corvane Install: Cannot create directory " + at("file/sub") + ".\n");
-    EXPECT_TRUE(isDir("q/1"));
     umask(old);
     EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0);
 }

@@ -1,12 +1,11 @@
 // Platform detection (not part of a run yet) against fake "uname" and "name" programs alone on
-// PATH, the "-o" override, and the package probe's corners that a run cannot reach.
+// PATH, and the "-o" override.
 #include "installer/platform.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -95,25 +94,6 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
     }
     EXPECT_TRUE(!strcmp(osDisplayName(kOsLinux), "Linux") && !strcmp(osDisplayName(kOsDigitalUnix), "Digital Unix"));
     EXPECT_TRUE(!strcmp(osDisplayName(11), "unknown") && !strcmp(osDisplayName(-1), "unknown"));
-}
-
-TEST_F(PlatformTest, PackageProbeCorners) {
-    // A directory without "/", and plug-in mode left over from before.
-    resetInstallState();
-    fclose(fopen((dir + "/cvpacku").c_str(), "w"));
-    snprintf(gDistribDir, sizeof(gDistribDir), "%s", dir.c_str());
-    gState.pluginMode = 1;
-    EXPECT_TRUE(choosePackage() == 0 && !strcmp(distribName, "cvpacku") && gState.pluginMode == 0);
-    // A directory whose "cvpack" path is exactly 511 characters: "cvpackd" there would be cut
-    // to the name of the existing "cvpack" if the length were not checked.
-    std::string deep = dir;
-    while (deep.size() < 511 - 7) {
-        deep += "/" + std::string(std::min<size_t>(200, 511 - 7 - deep.size() - 1), 'd');
-        ASSERT_EQ(mkdir(deep.c_str(), 0755), 0) << deep;
-    }
-    fclose(fopen((deep + "/cvpack").c_str(), "w"));
-    snprintf(gDistribDir, sizeof(gDistribDir), "%s/", deep.c_str());
-    EXPECT_TRUE(choosePackage() == 0 && !strcmp(distribName, "cvpack"));
 }
 
 }  // namespace
