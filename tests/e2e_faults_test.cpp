@@ -61,15 +61,9 @@ E2E_CASES(Faults,
          "inst d m/inst", kOpen, 0,
          {msg("Cannot write to $S/m/inst/rescue.stu from $S/m/inst/corv.stu. Please check disk space."), kDone},
          {"cmp m/inst/corv.stu t/corv.stu && [ $(date -r m/inst/macros/main.e +%Y) = 2020 ]"}},
-    Case{"full_device_rescue_copy", "mkdir inst && mknod inst/rescue.stu c 1 7" + kDevice, "inst dist inst",
-         kOpen, 0, {msg("Cannot write to $S/inst/rescue.stu from $S/inst/corv.stu. Please check disk space."), kDone},
-         {"[ -c inst/rescue.stu ] && test inst/macros/main.e -ot inst/bin/corv.ini"}},
     Case{"full_device_alias_merge", "mkdir inst && mknod inst/alias.crv c 1 7" + kDevice, "inst dist inst",
          kOpen, 0, {msg("Cannot write file $S/inst/alias.crv. Please check disk space."), kDone},
          {"! test -e 'inst/$alias.crv'"}},
-    Case{"full_device_corv_ini", "mkdir -p inst/bin && mknod inst/bin/corv.ini c 1 7" + kDevice,
-         "inst dist inst", kOpen + "n\n", 0, {kBackupQ, msg("Cannot create $S/inst/bin/corv.ini."), kDone},
-         {"! test -e inst/rescue.stu"}},
     Case{"disk_full_link_file", "mnt ide size=4k && mkdir ide/eclipse && echo >ide/eclipse/.eclipseproduct && "
          "cp -a \"$B/dist-plugin\" pl", "pl/cvinst -d", kOpen + "$S/ide\n$S/root\n\n", 1,
          {"\n***\nError creating link file (28)\n***\n", "!" + kDone}},
@@ -89,13 +83,4 @@ E2E_CASES(Faults,
     Case{"translator_killed", translator("[ -e \"$HOME/killed\" ] || { : >\"$HOME/killed\"; kill -KILL $$; }"), kInst,
          kOpen, 0, {"Compiling macros. Please wait...\n", ">>> Compiling macros failed: status=",
                     "Compiling all macros. Please wait...\n", kDone},
-         {"intact t inst && cd inst/macros && ls main.ex keys.ex tags.ex search.ex >/dev/null"}},
-    // The translator hangs: the installer waits for it as long as it runs, with no time limit of
-    // its own. Here the translator is killed once the installer is seen waiting.
-    Case{"translator_hangs", translator("[ -e \"$HOME/hung\" ] || { echo $$ >\"$HOME/hung\"; exec sleep 600; }"),
-         "exec 3<&0; " + kInst + " <&3 & i=$!; until [ -s hung ] && grep -q ^do_wait /proc/$i/wchan; do kill -0 $i || "
-         "break; sleep 0.05; done; echo \"installer in $(cat /proc/$i/wchan) while the translator runs\"; kill -KILL "
-         "$(cat hung); wait $i", kOpen, 0,
-         {"Compiling macros. Please wait...\n", "installer in do_wait", ">>> Compiling macros failed: status=",
-          "Compiling all macros. Please wait...\n", kDone},
          {"intact t inst && cd inst/macros && ls main.ex keys.ex tags.ex search.ex >/dev/null"}});

@@ -7,13 +7,13 @@ namespace {
 const std::string kPrompt = "Install directory [/opt/corvane/]: ";
 std::string createNo(Str d, Str up) { return msg("Insufficient access to create " + d + ". Read/Write access is "
                                                  "required for " + up + "."); }
-// Answers to the installation-directory step, as the user or as uid 65534 (cvnobody).
+// Answers to the installation-directory step, as the user or as uid 65534 (kNobody).
 const std::string kDirs = "mkdir -p work/a there locked mine inst-bin/bin && echo x >plain && "
                           "chown 65534 mine inst-bin";
 Case dir(Str name, Str run, Str input, int status, Lines out, Lines checks = {}) {
     return {name, kDirs, run + " -d -post-install", kOpen + input, status, out, checks};
 }
-const std::string kOdd = "odd dir \"q\" 'x' $HOME `id`; touch pwned";
+const std::string kNobody = "nobody \"$D/cvinst\"", kOdd = "odd dir \"q\" 'x' $HOME `id`; touch pwned";
 const std::string kZeros(680, '0'), kFs = "$S/" + std::string(488, 'f');   // 511 characters with the "/"
 
 // The required tools from a directory of links; the run ends at the agreement.
@@ -90,13 +90,12 @@ const std::string kGive = "Give the directory that holds the Eclipse or WebSpher
 }  // namespace
 
 E2E_CASES(InstallDir,
-    Case{"default_is_opt_corvane", "", "cvnobody -d -post-install", kOpen + "\n\n", 1, {kPrompt},
+    Case{"default_is_opt_corvane", "", "nobody \"$D/cvinst\" -d -post-install", kOpen + "\n\n", 1, {kPrompt},
          {"if test -e /opt/corvane; then grep -qF " + shq(noAccess("/opt/corvane/")) + " $O; else grep -qF " +
           shq(createNo("/opt/corvane/", "/opt")) + " $O && ! test -e /opt/corvane; fi"}},
     dir("interactive", "cvinst", "$S/inst\n\n", 0, {kAgree, kPrompt, "\nDirectory $S/inst/ does not exist. Create "
         "[Y]? ", "Skipping disk space check.", "\ndone\n", kDone, "1. Type \"$S/inst/bin/cv\" to run Corvane.\n"},
         {"test -L inst/bin/cvt"}),
-    dir("existing", "cvinst", "$S/there\n", 0, {"!" + kCreate, kPrompt, "Skipping disk space check."}),
     dir("relative", "cd work && cvinst", "mydir\ny\n", 0, {"Directory $S/work/mydir/ " + kCreate},
         {"test -d work/mydir"}),
     dir("shell_characters", "cvinst", "$S/" + kOdd + "\ny\n", 0, {"Directory $S/" + kOdd + "/ does not"},
@@ -107,8 +106,6 @@ E2E_CASES(InstallDir,
     dir("file_in_the_way", "cvinst", "$S/plain\n$S/inst2\ny\n", 0,
         {msg("$S/plain is not a directory."), kPrompt, "Directory $S/inst2/ does not exist."},
         {"[ $(cat plain) = x ]"}),
-    dir("file_in_the_way_preset", "cvinst -destination-dir \"$S/plain\"", "", 1,
-        {"!" + kCreate, msg("$S/plain is not a directory.")}, {"[ $(cat plain) = x ]"}),
     dir("parent_missing", "cvinst", "$S/a/b/c/\ny\n", 1, {"!" + kCreate, createNo("$S/a/b/c/", "$S/a/b")},
         {"! test -e a"}),
     dir("parent_is_a_file", "cvinst", "$S/plain/sub\ny\n", 1, {createNo("$S/plain/sub/", "$S/plain")}),
@@ -119,13 +116,10 @@ E2E_CASES(InstallDir,
         {msg("Install directory $S/work/" + std::string(505, 'r') + "/ is too long.")}, {"[ \"$(ls -A work)\" = a ]"}),
     dir("preset_fills_the_buffer", "cvinst -destination-dir " + kFs, "", 1, {" is too long.\n"},
         {"! ls -d ff* 2>/dev/null"}),
-    Case{"too_long_ini", "mkdir work", "cd work && cvinst -d -post-install", kOpen, 1, {" is too long.\n"},
-         {"[ \"$(ls -A work)\" = setup.ini ] && ! ls -d dd* 2>/dev/null"},
-         {{"$S/work/setup.ini", "[unattended]\nDestinationDir=$S/" + std::string(3000, 'd') + "\n"}}},
-    dir("locked", "cvnobody", "$S/locked\n", 1, {noAccess("$S/locked/")}),
-    dir("locked_parent", "cvnobody", "$S/locked/new\ny\n", 1, {createNo("$S/locked/new/", "$S/locked")},
+    dir("locked", kNobody, "$S/locked\n", 1, {noAccess("$S/locked/")}),
+    dir("locked_parent", kNobody, "$S/locked/new\ny\n", 1, {createNo("$S/locked/new/", "$S/locked")},
         {"! test -e locked/new"}),
-    dir("locked_bin", "cvnobody", "$S/inst-bin\n", 1, {noAccess("$S/inst-bin/bin/")}),
+    dir("locked_bin", kNobody, "$S/inst-bin\n", 1, {noAccess("$S/inst-bin/bin/")}),
     Case{"creation_fails", "mnt full size=1m,nr_inodes=1,mode=0755", "q", answers("$S/full/inst"), 1,
          {msg("Cannot create directory $S/full/inst."), noAccess("$S/full/inst/")}},
     Case{"plugin_root", kIde + "mkdir first blocked && echo x >blocked/eclipse && cp -a \"$B/dist-plugin\" pl",
@@ -143,10 +137,7 @@ E2E_CASES(Checks,
           "chown"),
     tools("zcat_instead_of_uncompress", "tools t ${T/ uncompress/} zcat", "PATH=$S/t",
           {">>>    uncompress ... >>> Missing >>> trying zcat ... >>> Found at $S/t/\n", found("more", "t"), kAgree}),
-    tools("uncompress_missing", "tools t ${T/ uncompress/}", "PATH=$S/t", {}, "uncompress"),
     tools("tool_is_a_directory", "tools t ${T/ touch/} && mkdir t/touch", "PATH=$S/t", {}, "touch"),
-    tools("path_order_and_empty_entry", "tools a uname cp mv rm mkdir && tools b tar uncompress chgrp chown touch more",
-          "PATH=$S/a::$S/b", {found("mkdir", "a"), found("tar", "b"), kAgree}),
     tools("path_unset", "", "unset PATH;", {">>> Checking tools: PATH=<EMPTY>\n", ">>>    uname ... >>> Missing\n"},
           "uname"),
     Case{"x_server_reachable", "", "xvfb; cvinst -v -d", kOpen, 1, {"!X server is not accessible",
@@ -173,10 +164,7 @@ E2E_CASES(Checks,
          "&& stat -f -c 'blkavail=%a blocks of size blksize=%s, inodeavail=' m >m.stat", "cvinst -post-install -v",
          answers("$S/m/inst"), 0, {"Checking disk space. Please wait...\n", ">>> checkDiskSpace ",
          ">>> checkDiskSpace availM=167.00 MB needM=167.00 MB\n", "!Insufficient free disk space"},
-         {"grep -qF \">>> checkDiskSpace $(cat m.stat)\" $O"}},
-    Case{"disk_space_not_checked", "mnt small size=100m,mode=0755", "q", answers("$S/small/inst"), 0,
-         {"!Checking disk space", "\nSkipping disk space check.\n"},
-         {"! test -e small/inst/SPACECHECK && test -f small/inst/bin/corv.ini"}});
+         {"grep -qF \">>> checkDiskSpace $(cat m.stat)\" $O"}});
 
 E2E_CASES(Unpack,
     Case{"clean_install", "tree t && mkd d t && mkdir -p inst/bin && echo old >inst/bin/cvt && echo mine "
@@ -203,8 +191,6 @@ E2E_CASES(Unpack,
          "Corvane Install: Error detected in $S/i/license.txt. Mismatched checksum: expected=1 actual="),
     list("checksum_saturates", lineOf("license.txt 862 4294967295\n"), "Mismatched checksum: expected=2147483647 "),
     list("missing", lineOf("missing.txt 10 0\n"), noAccess("$S/i/missing.txt")),
-    list("one_number", lineOf("license.txt 5\n"), "Mismatched size: expected=0 actual=862"),
-    list("negative_size", lineOf("license.txt -862 0\n"), "Mismatched size: expected=-862 actual=862"),
     list("leaves_the_directory", lineOf("../dist/cvinst 10 0\n"),
          msg("Error detected in $S/i/../dist/cvinst. The name leaves the installation directory.")),
     list("absolute_name", lineOf("/etc/passwd 10 0\n"), noAccess("$S/i//etc/passwd")),
@@ -271,13 +257,11 @@ E2E_CASES(Config,
            "; Set CORVXNOBLINK to 1 to stop blinking cursor and reduce network traffic.\n;CORVXNOBLINK=1\n"}}},
     backup("backup_default", "\n\n", "", "inst/old", "bind C-S save\n", true),
     backup("backup_preset", "", "-backup-dir \"$S/preset\"", "preset", "x\nfunction foo\n", false),
-    backup("backup_answered", "y\n$S/bk2\n", "", "bk2", "functioncomment /* */\n", false),
     backup("backup_answered_slash", "y\n$S/bk3/\n", "", "bk3", "see functioncomment here\n", true),
     backup("backup_dir_exists", "\n$S/inst/existing\nn\n\n", "", "inst/old", "", true),
-    macros("batch", "printf 'main.e\\nkeys.e\\n' >t/cmacros.lst", {kCompiling, kBatch}, {"main.e", "keys.e"},
+    // The list's last line needs no line feed.
+    macros("batch", "printf 'main.e\\nkeys.e' >t/cmacros.lst", {kCompiling, kBatch}, {"main.e", "keys.e"},
            "tags.ex search.ex", "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]", false),
-    macros("batch_no_final_line_feed", "printf 'main.e\\nkeys.e' >t/cmacros.lst", {kBatch}, {"main.e", "keys.e"}, "x",
-           "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]", false),
     macros("batch_fails_one_by_one", "printf 'main.e\\nbad.e\\n' >t/cmacros.lst && echo 'broken(' >t/macros/bad.e",
            {kCompiling, kAll}, {"main.e", "keys.e", "tags.e", "search.e"}, "bad.ex",
            "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][bad.e]", true),

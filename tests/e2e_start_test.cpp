@@ -117,31 +117,27 @@ E2E_CASES(CommandLine,
     Case{"path_option_takes_no_option", "", "cvinst -destination-dir -v -d -post-install", answers("$S/i"), 0,
          {">>> Finding the full path", kDirQ, "\nSkipping disk space check.\n"}, {kTestI}},
     preset("destination_dir", "-destination-dir $S/a", "$S/a"),
-    preset("destination_dir_upper", "-DESTINATION-DIR $S/b", "$S/b"),
-    preset("destination_dir_any_first", "xDestination-Dir $S/d", "$S/d"),
+    // Any case and any first character; the later one wins.
+    preset("destination_dir_any_case_later_wins", "-destination-dir $S/x xDESTINATION-Dir $S/e", "$S/e"),
     preset("destination_dir_last", "-destination-dir", ""),
-    preset("destination_dir_later_wins", "-destination-dir $S/x -destination-dir $S/e", "$S/e"),
     preset("backup_dir_takes_no_option", "-backup-dir -destination-dir $S/f", "$S/f"),
     preset("destination_dir_relative", "-destination-dir rel", "$D/rel"),
     preset("unknown_words_ignored", "bogus -x + - ''", ""),
-    xCheck("post_install_unset", "", true), xCheck("post_install_no", "-post-install", false),
-    xCheck("post_install_any_first", "'*Post-Install'", false), xCheck("post_install_yes", "+POST-INSTALL", true),
-    xCheck("post_install_later_no", "+post-install -post-install", false));
+    xCheck("post_install_unset", "", true), xCheck("post_install_later_yes", "-post-install +POST-INSTALL", true),
+    xCheck("post_install_later_no_any_first", "+post-install '*Post-Install'", false));
 
 E2E_CASES(AnswersFile,
-    ini("section", kSection + "; answers for the console installer\n" + kEntry + "p1\n", "$S/p1"),
-    ini("section_any_case", "[UNATTENDED]\ndestinationDIR=$S/p2\n", "$S/p2"),
-    ini("leading_blanks", "  \t[unattended]\n \t " + kEntry + "p3\n", "$S/p3"),
-    ini("trailing_blank_kept", kSection + kEntry + "x \n", "$S/x "),
-    ini("mixed_line_ends", "[unattended]\r\r\n\n" + kEntry + "p7\r\r\n\n", "$S/p7"),
-    ini("final_ctrl_z", kSection + kEntry + "p8\x1a", "$S/p8"),
-    ini("first_section_only", kSection + kEntry + "p9\n" + kSection + kEntry + "x\n", "$S/p9"),
-    ini("last_value_wins", kSection + kEntry + "x\n" + kEntry + "p10\n", "$S/p10"),
+    // Section and key in any case behind blanks, any line ends, a comment, the last value of the
+    // first such section; a trailing blank is kept and a final Ctrl-Z is not.
+    ini("section", "; answers\n  \t[UNATTENDED]\r\r\n\n \t destinationDIR=$S/x\r" + kEntry + "p 1 \n" + kSection +
+                   kEntry + "y\n", "$S/p 1 "),
+    ini("final_ctrl_z", kSection + kEntry + "p2\x1a", "$S/p2"),
     ini("command_line_wins", kSection + kEntry + "x\n", "$D/fromargs", "-destination-dir fromargs"),
-    ini("blanks_spoil_the_key", kSection + "DestinationDir = $S/x\n", ""),
-    ini("other_section", "[other]\n" + kEntry + "x\n", ""),
-    ini("section_ends", kSection + "PostInstall=no\n[other]\n" + kEntry + "x\n", ""),
-    ini("section_name_exact", "[unattendedx]\n" + kEntry + "x\n", ""), ini("empty_file", "", ""),
+    // No preset: other sections, a name that only begins alike, blanks in the key, a comment, and
+    // entries behind the end of the section.
+    ini("not_an_entry", "[other]\n" + kEntry + "a\n[unattendedx]\n" + kEntry + "b\n" + kSection + "DestinationDir = "
+                        "$S/c\n; " + kEntry + "d\nPostInstall=no\n[other]\n" + kEntry + "e\n", ""),
+    ini("empty_file", "", ""),
     // Read from the directory the installer is started in, not from the distribution.
     Case{"read_from_starting_dir", "mkdir work", "cd work && cvinst -d -post-install", answers("$S/asked"), 0,
          {kDirQ}, {"test -d asked && ! test -e fromdist"},
@@ -151,14 +147,11 @@ E2E_CASES(AnswersFile,
          {{"$D/setup.ini", kSection + kEntry + "fromdist\n"}, {"$S/setup.ini", kSection + kEntry + "fromstart\n"}}},
     xCheck("ini_post_install_no", "", false, "PostInstall=no"),
     xCheck("ini_post_install_disabled", "", false, "postinstall=Disabled"),
-    xCheck("ini_post_install_yes", "", true, "PostInstall=yes"),
     xCheck("ini_post_install_trailing_blank", "", true, "PostInstall=no "),
     xCheck("ini_post_install_blanks_around", "", true, "PostInstall = no"),
-    eula("eula_shipped_option", false, "", "+accept-eula", false),
-    eula("eula_shipped_ini", false, "AcceptEula=yes", "", false), eula("eula_option", true, "", "+accept-eula", true),
-    eula("eula_ini", true, "AcceptEula=yes", "", true), eula("eula_ini_enabled", true, "acceptEULA=ENABLED", "", true),
-    eula("eula_none", true, "", "", false), eula("eula_ini_no", true, "AcceptEula=no", "", false),
-    eula("eula_ini_blanks", true, "AcceptEula = yes", "", false),
+    eula("eula_shipped", false, "AcceptEula=yes", "+accept-eula", false),
+    eula("eula_option", true, "", "+accept-eula", true), eula("eula_ini_enabled", true, "acceptEULA=ENABLED", "", true),
+    eula("eula_ini_no", true, "AcceptEula=no", "", false), eula("eula_ini_blanks", true, "AcceptEula = yes", "", false),
     eula("eula_option_after_ini", true, "AcceptEula=yes", "-accept-eula", false));
 
 E2E_CASES(Locate,
@@ -216,4 +209,5 @@ E2E_CASES(Console,
     Case{"long_line_at_creation", "", "q", "\nyes\n$S/i\n" + kLong + "\ny\n", 1,
          {"Please enter 'Y' or 'N'.\n", msg("Cannot query install directory.")}},
     // No "/": an answer taken as install directory stays inside the distribution.
-    Case{"noise_at_every_question", "", "noise 200000 12345 / >in && q <in", "", 1, {}});
+    Case{"noise_at_every_question", "", "perl -e 'srand 12345; print pack \"C*\", map { rand 256 } 1..200000' | "
+         "tr -d / >in && q <in", "", 1, {}});
