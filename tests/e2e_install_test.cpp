@@ -273,14 +273,15 @@ E2E_CASES(Config,
           msg("Cannot open macros directory $S/mine/inst/macros/."), "!" + kDone}});
 
 E2E_CASES(Plugin,
+    // A relative location is taken from the distribution directory the installer changed into.
     Case{"plugin_install", kIde + "cp -a \"$B/dist-plugin\" pl", "pl/cvinst -d +post-install",
-         kOpen + "\n\n$S/nowhere\ny\n$S/ide\n\n\n", 0,
+         kOpen + "\n\nnowhere\ny\n$S/ide\n\n\n", 0,
          {"!X server", "!Some old global configuration files", "*       Corvane PLUG-IN INSTALLATION PROGRAM        \n",
           kAgree, "\n" + kStars + "\n* Please specify the location of your Eclipse or \n* Websphere Studio "
           "installation.\n*\n* Example: /usr/lib/eclipse202/eclipse\n" + kStars +
           "\n\nWebSphere or Eclipse location []: ",
           box("No Eclipse location was given.\n" + kGive), "Try again [Y]? \nWebSphere or Eclipse location []: ",
-          box("The Eclipse location is not valid: '$S/nowhere/eclipse/.eclipseproduct' does not exist.\n" + kGive),
+          box("The Eclipse location is not valid: '$S/pl/nowhere/eclipse/.eclipseproduct' does not exist.\n" + kGive),
           "Try again [Y]? \nWebSphere or Eclipse location []: \nInstall directory [$S/ide/corvplugin/]: \nDirectory "
           "$S/ide/corvplugin " + kCreate, "\n\n" + kStars + "\n* The Corvane Plug-In requires that the following\n* "
           "paths be in your LD_LIBRARY_PATH search path:\n*\n* " + kCore + "/bin/\n* $S/ide/eclipse/\n*\n" + kStars,

@@ -163,8 +163,9 @@ E2E_CASES(Locate,
     locate("path", ".", "export PATH=$S/decoy:" + kSys + ":$D", "cvinst", {kFromPath}, true, false),
     // Empty entries are not the working directory, which holds a "cvinst" here.
     locate("path_empty_entries", "plain", "export PATH=::/usr/bin:::/bin:$D/", "cvinst", {kFromPath}, true, false),
-    locate("path_entry_too_long", ".", "export PATH=$D" + std::string(600, '/') + "x:$D", "cvinst", {kFromPath}, true,
-           false),
+    // An entry of 511 characters leaves no room for the "/" and the terminating NUL: passed over.
+    locate("path_entry_too_long", ".", "export PATH=$D$(printf %$((511 - ${#D}))s | tr ' ' /):$D", "cvinst", {kFromPath},
+           true, false),
     locate("path_relative_entry", ".", "export PATH=/usr/bin:/bin:dist", "cvinst",
            {tr("Changing to directory dist\n"), tr("From relative path in PATH ==> $D/.\n")}, true, true),
     locate("path_any_regular_file", ".", "export PATH=$S/plain:" + kSys + ":$D", "cvinst",
