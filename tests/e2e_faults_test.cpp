@@ -25,9 +25,8 @@ const std::string kMine = kEclipse + " && mkdir -p mine ide/eclipse/links && cho
 }  // namespace
 
 E2E_CASES(Faults,
-    // Standard input ends at each question: the step that asked fails, or, for the backup, the
-    // installation goes on without one.
-    Case{"eof_at_pause", "", "q", "", 1, {kPause, "!license terms"}, {"! test -e i"}},
+    // Standard input ends at each question (at the pause: Console/banner): the step that asked
+    // fails, or, for the backup, the installation goes on without one.
     Case{"eof_at_x_question", "", "cvinst -d", "\n", 1, {"Continue installation (Y/N)? [N]: ", "!license terms"}},
     Case{"eof_at_agreement", "", "q", "\n", 1, {kAgree, "!" + kAgree, "!" + kDirQ}},
     Case{"eof_at_eclipse_location", kEclipse, "pl/cvinst -d", kOpen, 1,

@@ -164,8 +164,8 @@ E2E_CASES(Locate,
     // Empty entries are not the working directory, which holds a "cvinst" here.
     locate("path_empty_entries", "plain", "export PATH=::/usr/bin:::/bin:$D/", "cvinst", {kFromPath}, true, false),
     // An entry of 511 characters leaves no room for the "/" and the terminating NUL: passed over.
-    locate("path_entry_too_long", ".", "export PATH=$D$(printf %$((511 - ${#D}))s | tr ' ' /):$D", "cvinst", {kFromPath},
-           true, false),
+    locate("path_entry_too_long", ".", "export PATH=$D$(printf %$((511 - ${#D}))s | tr ' ' /):$D", "cvinst",
+           {kFromPath}, true, false),
     locate("path_relative_entry", ".", "export PATH=/usr/bin:/bin:dist", "cvinst",
            {tr("Changing to directory dist\n"), tr("From relative path in PATH ==> $D/.\n")}, true, true),
     locate("path_any_regular_file", ".", "export PATH=$S/plain:" + kSys + ":$D", "cvinst",
@@ -190,9 +190,10 @@ E2E_CASES(Locate,
          "cd up && \"$S/up/cvinst\"", "", 1, {missingPackage("up")}});
 
 E2E_CASES(Console,
+    // Standard input ends at the pause: the run ends there.
     Case{"banner", "", "q", "", 1, {"^\n\n" + kStars + "\n" + kStars + kBanner + "*                       Version "
          "10.0                    \n" + kStars + "\n" + kStars + "\n\nEstimated disk space needed:  167 MB (including "
-         "25 MB for tag files)\n\n" + kPause, "!INSTALLATION PROGRAM"}},
+         "25 MB for tag files)\n\n" + kPause, "!INSTALLATION PROGRAM", "!license terms"}},
     // Only the whole word counts, in any case, with any line end.
     agree("agreement_whole_word", "\r\ny\nn\nYe\n\nyes please\nYES\r\n", 0, 6),
     agree("agreement_no_any_case", "\nNo\n", 1, 1),
