@@ -127,9 +127,6 @@ E2E_CASES(InstallDir,
          {"! test -e first/eclipse && test -d good/eclipse/plugins/com.corvane.core_10.0.0"}});
 
 E2E_CASES(Checks,
-    Case{"tools_on_path", "", "cvinst -post-install -d -v", "\n", 1,
-         {">>> Checking tools: PATH=/usr/local/bin:/usr/bin:/bin\n", kAgree, "!is not found in your PATH"},
-         {"for t in $T; do grep -qF \">>>    $t ... >>> Found at $(dirname $(command -v $t))/\" $O || exit 1; done"}},
     tools("tool_missing", "tools t ${T/ chown/}", "PATH=$S/t", {found("chgrp", "t"), ">>>    chown ... >>> Missing\n"},
           "chown"),
     tools("zcat_instead_of_uncompress", "tools t ${T/ uncompress/} zcat", "PATH=$S/t",

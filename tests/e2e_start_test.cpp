@@ -138,10 +138,7 @@ E2E_CASES(AnswersFile,
     ini("not_an_entry", "[other]\n" + kEntry + "a\n[unattendedx]\n" + kEntry + "b\n" + kSection + "DestinationDir = "
                         "$S/c\n; " + kEntry + "d\nPostInstall=no\n[other]\n" + kEntry + "e\n", ""),
     ini("empty_file", "", ""),
-    // Read from the directory the installer is started in, not from the distribution.
-    Case{"read_from_starting_dir", "mkdir work", "cd work && cvinst -d -post-install", answers("$S/asked"), 0,
-         {kDirQ}, {"test -d asked && ! test -e fromdist"},
-         {{"$D/setup.ini", kSection + kEntry + "fromdist\n"}, {"$S/setup.ini", kSection + kEntry + "fromstart\n"}}},
+    // Read from the directory the installer is started in, before it changes into the distribution.
     Case{"read_before_changing_dir", "", "dist/cvinst -d -post-install", kOpen, 0, {"!" + kDirQ},
          {"test -d fromstart && ! test -e fromdist"},
          {{"$D/setup.ini", kSection + kEntry + "fromdist\n"}, {"$S/setup.ini", kSection + kEntry + "fromstart\n"}}},
