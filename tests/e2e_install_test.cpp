@@ -201,11 +201,10 @@ E2E_CASES(Unpack,
     Case{"truncated_package", kBroken + "head -c $(($(stat -c %s $p) / 2)) $p >bad/cvpack", "inst bad i", kOpen, 1,
          {"Unpacking files: ", "\ndone\n", "Corvane Install: ", "$S/i/", msg("Error detected in distribution."),
           "!" + kDone}},
-    Case{"not_a_package", kBroken + "echo no >bad/cvpack", "inst bad i", kOpen, 1,
-         {"\ndone\n", kNoList, msg("Error detected in distribution.")}},
-    Case{"not_a_package_unchecked", kBroken + "echo no >bad/cvpack", "inst bad i -s", kOpen, 1,
-         {"!Checking distribution files", "\ndone\nSkipping distribution check.\n",
-          msg("Cannot create symbolic link bin/cvt to cvtw.")}},
+    // Checked, and then unchecked ("-s") into another directory.
+    Case{"not_a_package", kBroken + "echo no >bad/cvpack", "inst bad i <<<$'\\nyes'; inst bad j -s <<<$'\\nyes'", "", 1,
+         {"\ndone\n", kNoList, msg("Error detected in distribution."), "!Checking distribution files",
+          "\ndone\nSkipping distribution check.\n", msg("Cannot create symbolic link bin/cvt to cvtw.")}},
     // More than 5 MB unpacked, with members outside the directory, absolute, and behind a link.
     Case{"dots_and_members", "tree big && head -c 5242880 /dev/urandom >big/docs/big.bin && mkd bd big && mkdir -p "
          "outside abs extra && for f in escaped.txt abs/abs.txt extra/x; do echo packed >$f; done && gzip -dc "
