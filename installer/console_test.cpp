@@ -1,6 +1,5 @@
-// Console primitives a run does not reach or cannot pin down: wrapping, the progress line,
-// field splitting, and the corners of a directory answer (the questions themselves are asked in
-// every installation).
+// Console primitives a run does not reach or cannot pin down: wrapping, the progress line and
+// field splitting (the questions themselves are asked in every installation).
 #include "installer/console.h"
 
 #include <gtest/gtest.h>
@@ -9,19 +8,9 @@
 #include <cstring>
 #include <string>
 
-#include "installer/state.h"
-
 namespace {
 
 std::string s(size_t n, char c) { return std::string(n, c); }
-
-// Questions read text until the stream is closed.
-FILE* feed(const std::string& text) {
-    FILE* input = tmpfile();
-    fputs(text.c_str(), input);
-    rewind(input);
-    return gConsoleIn = input;
-}
 
 TEST(Console, WrapProgressAndFields) {
     // 144 chunks of 71 characters fill 10224 of the 10239 places: 15 line feeds still fit
@@ -55,24 +44,6 @@ TEST(Console, WrapProgressAndFields) {
     EXPECT_TRUE(fieldOf("a:b:c", 4, ':') == nullptr && fieldOf("a:b:c", 0, ':') == nullptr);
     EXPECT_TRUE(!strcmp(fieldOf("a::c", 2, ':'), "") && !strcmp(fieldOf("Linux 2.4.20-8", 2, ' '), "2.4.20-8"));
     EXPECT_EQ(strlen(fieldOf(s(800, 'f').c_str(), 1, ':')), 511u);
-}
-
-TEST(Console, DirectoryAnswers) {
-    // A directory answer gets its trailing "/"; the last character counts as the line end.
-    const struct { std::string before, input; int32_t result; std::string after; } dirs[] = {
-        {"/opt/corvane/", "/opt/x\n", 0, "/opt/x/"}, {"/opt/y", "\n", 0, "/opt/y/"}, {"", "\n", 0, ""},
-        {"/opt/keep", "", 1, "/opt/keep"}, {"", "/opt/zz", 0, "/opt/z/"}, {"/old/", s(1500, 'd') + "\n", 0, s(510, 'd') + "/"},
-    };
-    for (const auto& row : dirs) {
-        FILE* input = feed(row.input);
-        char directory[kPathSize];
-        strcpy(directory, row.before.c_str());
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(promptDirectory("Install directory [%s]:", directory), row.result);
-        EXPECT_TRUE(testing::internal::GetCapturedStdout() == "Install directory [" + row.before + "]:" &&
-                    directory == row.after) << row.input.substr(0, 20) << ": " << directory;
-        fclose(input), gConsoleIn = nullptr;
-    }
 }
 
 }  // namespace

@@ -1,30 +1,18 @@
-// Directory utilities: the parent of a path, trees made parent first, and the question before
-// a directory is made (no step asks it yet). Copying is checked by every installation.
+// Path utilities at their edges ("/", "", a relative path). Trees made parent first and copying
+// are checked by every installation.
 #include "installer/fileutil.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "installer/console.h"
 #include "installer/state.h"
 #include "runtime/path.h"
 
 namespace {
 
-// The operation's result and what it printed, as "<result>:<output>".
-template <class Op>
-std::string run(Op op) {
-    testing::internal::CaptureStdout();
-    int32_t result = op();
-    return std::to_string(result) + ":" + testing::internal::GetCapturedStdout();
-}
-
-TEST(FileUtil, DirectoryTreesAndTheQuestionBeforeCreating) {
+TEST(FileUtil, ParentAndTrailingSlash) {
     // A path, its parent directory, and the path without and with one trailing "/".
     const struct { const char *path, *parent, *stripped, *appended; } rows[] = {
         {"/a/b/c", "/a/b/", "/a/b/c", "/a/b/c/"}, {"/a", "/", "/a", "/a/"}, {"rel/path", "rel/path", "rel/path", "rel/path/"},
@@ -37,43 +25,6 @@ TEST(FileUtil, DirectoryTreesAndTheQuestionBeforeCreating) {
         EXPECT_TRUE(!strcmp(parent, row.parent) && !strcmp(stripped, row.stripped) && !strcmp(appended, row.appended))
             << row.path << ": " << parent << " " << stripped << " " << appended;
     }
-    resetInstallState();
-    char pattern[] = "/tmp/fileutil_test.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    const std::string dir = pattern;
-    auto at = [&](const char* name) { return dir + "/" + name; };
-    auto isDir = [&](const char* name) {
-        struct stat info;
-        return stat(at(name).c_str(), &info) == 0 && S_ISDIR(info.st_mode) && (info.st_mode & 0777) == 0755;
-    };
-    fclose(fopen(at("file").c_str(), "w"));
-    mode_t old = umask(022);
-    std::string abc = at("a/b/c"), xy = at("x/y/"), blocked = at("file/sub/deeper");
-    EXPECT_EQ(run([&] { return makeDirectoryTree(abc.c_str()) + makeDirectoryTree(xy.c_str()) + makeDirectoryTree("") +
-                               makeDirectoryTree("/"); }), "0:");
-    EXPECT_TRUE(isDir("a/b") && isDir("a/b/c") && isDir("x/y"));
-    // It stops at the first directory that cannot be made.
-    EXPECT_EQ(run([&] { return makeDirectoryTree(blocked.c_str()); }), "1:Corvane Install: Cannot create directory " +
-                                                                          at("file/sub") + ".\n");
-    // An existing one is not asked for; "no", then the default Y, then end of input.
-    std::string here = at("a/"), wanted = at("new/tree/"), never = at("never"), bad = at("file/sub/"), quiet = at("q/1/");
-    FILE* input = tmpfile();
-    fputs("no\n\n", input);
-    rewind(input);
-    gConsoleIn = input;
-    const std::string question = "Directory " + wanted + " does not exist. Create [Y]? ";
-    EXPECT_EQ(run([&] { return ensureDirectory(here.c_str(), 1) * 1 + ensureDirectory(wanted.c_str(), 1) * 2 +
-                               ensureDirectory(wanted.c_str(), 1) * 4 + ensureDirectory(never.c_str(), 1) * 8; }),
-              "10:" + question + question + "Directory " + never + " does not exist. Create [Y]? ");
-    gConsoleIn = nullptr;
-    fclose(input);
-    EXPECT_TRUE(isDir("new/tree") && !isDir("never"));
-    // Without asking; a directory that cannot be made is reported but not a failure.
-    EXPECT_EQ(run([&] { return ensureDirectory(quiet.c_str(), 0) + ensureDirectory(bad.c_str(), 0); }),
-              "0:Corvane Install: Cannot create directory " + at("file/sub") + ".\n");
-    EXPECT_TRUE(isDir("q/1"));
-    umask(old);
-    EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0);
 }
 
 }  // namespace

@@ -17,9 +17,10 @@ const std::string kNullOk = "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}allocat
 const std::string kInst = "inst dist inst", kMine = "nobody \"$D/cvinst\" -d -post-install "
                           "-destination-dir \"$S/mine/inst\"";
 const std::string kEclipse = "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
-// The package without one of its files, the file (or something else) put into $S/inst instead.
-std::string without(const std::string& file, const std::string& instead) {
-    return "tree t && rm " + shq("t/" + file) + " && mkd d t && mkdir -p inst/bin && " + instead;
+// The package without one or two of its files, the file (or something else) put into $S/inst instead.
+std::string without(const std::string& file, const std::string& instead, const std::string& also = "") {
+    return "tree t && rm " + shq("t/" + file) + (also.empty() ? "" : " " + shq("t/" + also)) + " && mkd d t && "
+           "mkdir -p inst/bin && " + instead;
 }
 const std::string kSubst = "inst d inst";
 
@@ -40,10 +41,15 @@ E2E_CASES(Failures,
          {msg("Error creating $S/ide/eclipse/eclipse-cv.\n"), kDone}, {"! test -e ide/eclipse/eclipse-cv"}},
     // The copy of the state file: no source, a source that cannot be opened, a destination that
     // cannot be written, opened, or given the source's mode.
-    Case{"copy_source_missing", without("corv.stu", "true"), kSubst, kOpen, 0,
-         {msg("Insufficient read access to $S/inst/corv.stu."), kDone}, {"! test -e inst/rescue.stu"}},
-    Case{"copy_source_is_a_socket", without("corv.stu", "sock inst/corv.stu"), kSubst, kOpen + "n\n", 0,
-         {msg("Cannot open copy source file $S/inst/corv.stu."), kDone}, {"! test -e inst/rescue.stu"}},
+    // The copy of the state file, and then the macro list (not a file that opens, not a file that reads).
+    Case{"source_missing_list_a_directory", without("corv.stu", "mkdir inst/cmacros.lst", "cmacros.lst"), kSubst,
+         kOpen, 0, {msg("Insufficient read access to $S/inst/corv.stu."),
+         msg("Cannot macros file list $S/inst/cmacros.lst."), "Compiling all macros", kDone},
+         {"! test -e inst/rescue.stu"}},
+    Case{"source_and_list_sockets", without("corv.stu", "sock inst/corv.stu && sock inst/cmacros.lst", "cmacros.lst"),
+         kSubst, kOpen + "n\n", 0, {msg("Cannot open copy source file $S/inst/corv.stu."),
+         msg("Cannot open macros list file $S/inst/cmacros.lst."), "Compiling all macros", kDone},
+         {"! test -e inst/rescue.stu"}},
     Case{"copy_destination_is_a_directory", "mkdir -p inst/rescue.stu", kInst, kOpen, 0,
          {msg("Cannot open copy destination file $S/inst/rescue.stu."), kDone}},
     Case{"copy_destination_not_writable", "mkdir -p mine/inst && echo x >mine/inst/rescue.stu && chown 65534 mine "
@@ -56,13 +62,9 @@ E2E_CASES(Failures,
     Case{"working_directory_too_long", "d=$(printf %0200d 0) && mkdir -p w/$d/$d/$d && printf '[unattended]\\n"
          "DestinationDir=rel\\n' >w/$d/$d/$d/setup.ini", "cd w/*/*/* && q", kOpen, 1,
          {"!" + kDirQ, msg("Cannot determine the current directory for rel/.")}},
-    // The macro list: too big for memory, not a file that opens, not a file that reads.
+    // The macro list too big for memory.
     Case{"macro_list_too_big", without("cmacros.lst", "truncate -s 2147483647 inst/cmacros.lst"), kLimited, kOpen, 0,
          {msg("Cannot allocate memory for macros file list $S/inst/cmacros.lst."), "Compiling all macros", kDone}},
-    Case{"macro_list_is_a_socket", without("cmacros.lst", "sock inst/cmacros.lst"), kSubst, kOpen, 0,
-         {msg("Cannot open macros list file $S/inst/cmacros.lst."), "Compiling all macros", kDone}},
-    Case{"macro_list_is_a_directory", without("cmacros.lst", "mkdir inst/cmacros.lst"), kSubst, kOpen, 0,
-         {msg("Cannot macros file list $S/inst/cmacros.lst."), "Compiling all macros", kDone}},
     // The merge of the user's alias file with the shipped one.
     Case{"shipped_alias_missing", without("$alias.crv", "echo bind >inst/alias.crv"), kSubst, kOpen, 1,
          {msg("Cannot open $S/inst/$alias.crv"), "!Corvane Install", "!" + kDone}},

@@ -7,13 +7,13 @@ namespace {
 const std::string kPrompt = "Install directory [/opt/corvane/]: ";
 std::string createNo(Str d, Str up) { return msg("Insufficient access to create " + d + ". Read/Write access is "
                                                  "required for " + up + "."); }
-// Answers to the installation-directory step, as the user or as uid 65534 (cvnobody).
-const std::string kDirs = "mkdir -p work/a there locked mine inst-bin/bin inst-macros/macros inst-bitmaps/bitmaps && "
-                          "echo x >plain && chown 65534 mine inst-bin inst-macros inst-bitmaps";
+// Answers to the installation-directory step, as the user or as uid 65534 (kNobody).
+const std::string kDirs = "mkdir -p work/a there locked mine inst-bin/bin && echo x >plain && "
+                          "chown 65534 mine inst-bin";
 Case dir(Str name, Str run, Str input, int status, Lines out, Lines checks = {}) {
     return {name, kDirs, run + " -d -post-install", kOpen + input, status, out, checks};
 }
-const std::string kOdd = "odd dir \"q\" 'x' $HOME `id`; touch pwned";
+const std::string kNobody = "nobody \"$D/cvinst\"", kOdd = "odd dir \"q\" 'x' $HOME `id`; touch pwned";
 const std::string kZeros(680, '0'), kFs = "$S/" + std::string(488, 'f');   // 511 characters with the "/"
 
 // The required tools from a directory of links; the run ends at the agreement.
@@ -90,50 +90,33 @@ const std::string kGive = "Give the directory that holds the Eclipse or WebSpher
 }  // namespace
 
 E2E_CASES(InstallDir,
-    Case{"default_is_opt_corvane", "", "cvnobody -d -post-install", kOpen + "\n\n", 1, {kPrompt},
+    Case{"default_is_opt_corvane", "", "nobody \"$D/cvinst\" -d -post-install", kOpen + "\n\n", 1, {kPrompt},
          {"if test -e /opt/corvane; then grep -qF " + shq(noAccess("/opt/corvane/")) + " $O; else grep -qF " +
           shq(createNo("/opt/corvane/", "/opt")) + " $O && ! test -e /opt/corvane; fi"}},
     dir("interactive", "cvinst", "$S/inst\n\n", 0, {kAgree, kPrompt, "\nDirectory $S/inst/ does not exist. Create "
         "[Y]? ", "Skipping disk space check.", "\ndone\n", kDone, "1. Type \"$S/inst/bin/cv\" to run Corvane.\n"},
         {"test -L inst/bin/cvt"}),
-    dir("existing", "cvinst", "$S/there\n", 0, {"!" + kCreate, kPrompt, "Skipping disk space check."}),
-    dir("relative", "cd work && cvinst", "mydir\ny\n", 0, {"Directory $S/work/mydir/ " + kCreate},
-        {"test -d work/mydir"}),
-    dir("dots_kept", "cd work && cvinst", "./a/../b\ny\n", 0, {"Directory $S/work/./a/../b/ does not exist."},
-        {"test -d work/b && ! test -e work/a/b"}),
-    dir("blanks", "cd work && cvinst", "  \ny\n", 0, {kCreate}, {"test -d 'work/  '"}),
-    dir("shell_characters", "cvinst", "$S/" + kOdd + "\ny\n", 0, {"Directory $S/" + kOdd + "/ does not"},
-        {"test -d " + shq(kOdd) + " && ! test -e pwned && ! test -e \"$D/pwned\""}),
-    dir("creation_refused", "cvinst", "$S/first\nmaybe\nn\n$S/second\nyes\n", 0,
-        {kPrompt, kCreate + "Please enter 'Y' or 'N'.\n", kCreate, kPrompt, "Directory $S/second/ " + kCreate},
-        {"test -d second && ! test -e first"}),
-    dir("file_in_the_way", "cvinst", "$S/plain\n$S/inst2\ny\n", 0,
-        {msg("$S/plain is not a directory."), kPrompt, "Directory $S/inst2/ does not exist."},
-        {"[ $(cat plain) = x ]"}),
-    dir("file_in_the_way_preset", "cvinst -destination-dir \"$S/plain\"", "", 1,
-        {"!" + kCreate, msg("$S/plain is not a directory.")}, {"[ $(cat plain) = x ]"}),
+    // A file in the way and a refused creation ask again; a relative answer is taken from the
+    // working directory, and shell characters in it are only characters.
+    dir("asked_again", "cvinst", "$S/plain\n$S/first\nmaybe\nn\n" + kOdd + "\nyes\n", 0,
+        {msg("$S/plain is not a directory."), kPrompt, "Directory $S/first/ " + kCreate + "Please enter 'Y' or 'N'.\n",
+         kCreate, kPrompt, "Directory $S/" + kOdd + "/ " + kCreate},
+        {"[ $(cat plain) = x ] && ! test -e first && test -d " + shq(kOdd),
+         "! test -e pwned && ! test -e \"$D/pwned\""}),
     dir("parent_missing", "cvinst", "$S/a/b/c/\ny\n", 1, {"!" + kCreate, createNo("$S/a/b/c/", "$S/a/b")},
         {"! test -e a"}),
     dir("parent_is_a_file", "cvinst", "$S/plain/sub\ny\n", 1, {createNo("$S/plain/sub/", "$S/plain")}),
     // Too long answers and presets: nothing at all is made.
     dir("too_long_answer", "cvinst", "$S/" + kZeros + "\ny\ny\n", 1, {" is too long.\n"},
-        {"[ \"$(ls -A | xargs)\" = 'dist inst-bin inst-bitmaps inst-macros locked mine plain there work' ]"}),
+        {"[ \"$(ls -A | xargs)\" = 'dist inst-bin locked mine plain there work' ]"}),
     dir("too_long_relative", "cd work && cvinst", std::string(505, 'r') + "\ny\n", 1,
         {msg("Install directory $S/work/" + std::string(505, 'r') + "/ is too long.")}, {"[ \"$(ls -A work)\" = a ]"}),
-    dir("too_long_preset", "cvinst -destination-dir \"$S/" + kZeros + "\"", "", 1, {" is too long.\n"},
-        {"! ls -d 00* 2>/dev/null"}),
     dir("preset_fills_the_buffer", "cvinst -destination-dir " + kFs, "", 1, {" is too long.\n"},
         {"! ls -d ff* 2>/dev/null"}),
-    Case{"too_long_ini", "mkdir work", "cd work && cvinst -d -post-install", kOpen, 1, {" is too long.\n"},
-         {"[ \"$(ls -A work)\" = setup.ini ] && ! ls -d dd* 2>/dev/null"},
-         {{"$S/work/setup.ini", "[unattended]\nDestinationDir=$S/" + std::string(3000, 'd') + "\n"}}},
-    dir("locked", "cvnobody", "$S/locked\n", 1, {noAccess("$S/locked/")}),
-    dir("locked_parent", "cvnobody", "$S/locked/new\ny\n", 1, {createNo("$S/locked/new/", "$S/locked")},
+    dir("locked", kNobody, "$S/locked\n", 1, {noAccess("$S/locked/")}),
+    dir("locked_parent", kNobody, "$S/locked/new\ny\n", 1, {createNo("$S/locked/new/", "$S/locked")},
         {"! test -e locked/new"}),
-    dir("locked_bin", "cvnobody", "$S/inst-bin\n", 1, {noAccess("$S/inst-bin/bin/")}),
-    dir("locked_macros", "cvnobody", "$S/inst-macros\n", 1, {noAccess("$S/inst-macros/macros/")}),
-    dir("locked_bitmaps", "cvnobody", "$S/inst-bitmaps\n", 1, {noAccess("$S/inst-bitmaps/bitmaps/")}),
-    dir("own_directory", "cvnobody", "$S/mine/inst\ny\n", 0, {"!Insufficient access"}, {"test -d mine/inst"}),
+    dir("locked_bin", kNobody, "$S/inst-bin\n", 1, {noAccess("$S/inst-bin/bin/")}),
     Case{"creation_fails", "mnt full size=1m,nr_inodes=1,mode=0755", "q", answers("$S/full/inst"), 1,
          {msg("Cannot create directory $S/full/inst."), noAccess("$S/full/inst/")}},
     Case{"plugin_root", kIde + "mkdir first blocked && echo x >blocked/eclipse && cp -a \"$B/dist-plugin\" pl",
@@ -144,24 +127,16 @@ E2E_CASES(InstallDir,
          {"! test -e first/eclipse && test -d good/eclipse/plugins/com.corvane.core_10.0.0"}});
 
 E2E_CASES(Checks,
-    Case{"tools_on_path", "", "cvinst -post-install -d -v", "\n", 1,
-         {">>> Checking tools: PATH=/usr/local/bin:/usr/bin:/bin\n", kAgree, "!is not found in your PATH"},
-         {"for t in $T; do grep -qF \">>>    $t ... >>> Found at $(dirname $(command -v $t))/\" $O || exit 1; done"}},
     tools("tool_missing", "tools t ${T/ chown/}", "PATH=$S/t", {found("chgrp", "t"), ">>>    chown ... >>> Missing\n"},
           "chown"),
     tools("zcat_instead_of_uncompress", "tools t ${T/ uncompress/} zcat", "PATH=$S/t",
           {">>>    uncompress ... >>> Missing >>> trying zcat ... >>> Found at $S/t/\n", found("more", "t"), kAgree}),
-    tools("uncompress_missing", "tools t ${T/ uncompress/}", "PATH=$S/t", {}, "uncompress"),
-    tools("tool_not_executable", "tools t ${T/ touch/} && echo x >t/touch", "PATH=$S/t", {found("touch", "t"), kAgree}),
     tools("tool_is_a_directory", "tools t ${T/ touch/} && mkdir t/touch", "PATH=$S/t", {}, "touch"),
-    tools("path_order_and_empty_entry", "tools a uname cp mv rm mkdir && tools b tar uncompress chgrp chown touch more",
-          "PATH=$S/a::$S/b", {found("mkdir", "a"), found("tar", "b"), kAgree}),
     tools("path_unset", "", "unset PATH;", {">>> Checking tools: PATH=<EMPTY>\n", ">>>    uname ... >>> Missing\n"},
           "uname"),
     Case{"x_server_reachable", "", "xvfb; cvinst -v -d", kOpen, 1, {"!X server is not accessible",
          "!Continue installation", ">>> Checking X server:\n", kAgree, msg("Cannot query install directory.")}},
-    Case{"x_server_refused", "", "cvinst -d", "\nn\nyes\n", 1, {kPause, kXWarning, "!license terms"}},
-    Case{"x_server_default_no", "", "cvinst -d", "\n\nyes\n", 1, {kPause, kXWarning, "!license terms"}},
+    Case{"x_server_refused", "", "cvinst -d", "\n\nyes\n", 1, {kPause, kXWarning, "!license terms"}},
     Case{"x_server_no_one_on_display", "", kNoDisplay + "cvinst -d", "\ny\nyes\n", 1,
          {kPause, kXWarning + "\n", kAgree, kPrompt}},
     Case{"post_install_without_x", "", "cvinst -d +post-install -destination-dir \"$S/nox\"", "\ny\nyes\n", 0,
@@ -183,10 +158,7 @@ E2E_CASES(Checks,
          "&& stat -f -c 'blkavail=%a blocks of size blksize=%s, inodeavail=' m >m.stat", "cvinst -post-install -v",
          answers("$S/m/inst"), 0, {"Checking disk space. Please wait...\n", ">>> checkDiskSpace ",
          ">>> checkDiskSpace availM=167.00 MB needM=167.00 MB\n", "!Insufficient free disk space"},
-         {"grep -qF \">>> checkDiskSpace $(cat m.stat)\" $O"}},
-    Case{"disk_space_not_checked", "mnt small size=100m,mode=0755", "q", answers("$S/small/inst"), 0,
-         {"!Checking disk space", "\nSkipping disk space check.\n"},
-         {"! test -e small/inst/SPACECHECK && test -f small/inst/bin/corv.ini"}});
+         {"grep -qF \">>> checkDiskSpace $(cat m.stat)\" $O"}});
 
 E2E_CASES(Unpack,
     Case{"clean_install", "tree t && mkd d t && mkdir -p inst/bin && echo old >inst/bin/cvt && echo mine "
@@ -213,12 +185,6 @@ E2E_CASES(Unpack,
          "Corvane Install: Error detected in $S/i/license.txt. Mismatched checksum: expected=1 actual="),
     list("checksum_saturates", lineOf("license.txt 862 4294967295\n"), "Mismatched checksum: expected=2147483647 "),
     list("missing", lineOf("missing.txt 10 0\n"), noAccess("$S/i/missing.txt")),
-    list("empty_entry_skipped", lineOf("missing.txt 0 0\n"), ""), list("no_blanks_skipped", lineOf("noblanks\n"), ""),
-    list("name_only_skipped", lineOf("license.txt\n"), ""),
-    list("one_number", lineOf("license.txt 5\n"), "Mismatched size: expected=0 actual=862"),
-    list("negative_size", lineOf("license.txt -862 0\n"), "Mismatched size: expected=-862 actual=862"),
-    list("words_read_as_zero", lineOf("license.txt many lots\n"), ""),
-    list("number_with_tail", lineOf("license.txt 862x 0\n"), ""),
     list("leaves_the_directory", lineOf("../dist/cvinst 10 0\n"),
          msg("Error detected in $S/i/../dist/cvinst. The name leaves the installation directory.")),
     list("absolute_name", lineOf("/etc/passwd 10 0\n"), noAccess("$S/i//etc/passwd")),
@@ -235,14 +201,10 @@ E2E_CASES(Unpack,
     Case{"truncated_package", kBroken + "head -c $(($(stat -c %s $p) / 2)) $p >bad/cvpack", "inst bad i", kOpen, 1,
          {"Unpacking files: ", "\ndone\n", "Corvane Install: ", "$S/i/", msg("Error detected in distribution."),
           "!" + kDone}},
-    Case{"corrupt_package", kBroken + "printf 'garbage!' | dd of=bad/cvpack bs=1 seek=$(($(stat -c %s $p) / 3)) "
-         "conv=notrunc 2>/dev/null", "inst bad i", kOpen, 1,
-         {"\ndone\n", "Corvane Install: ", "$S/i/", msg("Error detected in distribution."), "!" + kDone}},
-    Case{"not_a_package", kBroken + "echo no >bad/cvpack", "inst bad i", kOpen, 1,
-         {"\ndone\n", kNoList, msg("Error detected in distribution.")}},
-    Case{"not_a_package_unchecked", kBroken + "echo no >bad/cvpack", "inst bad i -s", kOpen, 1,
-         {"!Checking distribution files", "\ndone\nSkipping distribution check.\n",
-          msg("Cannot create symbolic link bin/cvt to cvtw.")}},
+    // Checked, and then unchecked ("-s") into another directory.
+    Case{"not_a_package", kBroken + "echo no >bad/cvpack", "inst bad i <<<$'\\nyes'; inst bad j -s <<<$'\\nyes'", "", 1,
+         {"\ndone\n", kNoList, msg("Error detected in distribution."), "!Checking distribution files",
+          "\ndone\nSkipping distribution check.\n", msg("Cannot create symbolic link bin/cvt to cvtw.")}},
     // More than 5 MB unpacked, with members outside the directory, absolute, and behind a link.
     Case{"dots_and_members", "tree big && head -c 5242880 /dev/urandom >big/docs/big.bin && mkd bd big && mkdir -p "
          "outside abs extra && for f in escaped.txt abs/abs.txt extra/x; do echo packed >$f; done && gzip -dc "
@@ -288,13 +250,11 @@ E2E_CASES(Config,
            "; Set CORVXNOBLINK to 1 to stop blinking cursor and reduce network traffic.\n;CORVXNOBLINK=1\n"}}},
     backup("backup_default", "\n\n", "", "inst/old", "bind C-S save\n", true),
     backup("backup_preset", "", "-backup-dir \"$S/preset\"", "preset", "x\nfunction foo\n", false),
-    backup("backup_answered", "y\n$S/bk2\n", "", "bk2", "functioncomment /* */\n", false),
     backup("backup_answered_slash", "y\n$S/bk3/\n", "", "bk3", "see functioncomment here\n", true),
     backup("backup_dir_exists", "\n$S/inst/existing\nn\n\n", "", "inst/old", "", true),
-    macros("batch", "printf 'main.e\\nkeys.e\\n' >t/cmacros.lst", {kCompiling, kBatch}, {"main.e", "keys.e"},
+    // The list's last line needs no line feed.
+    macros("batch", "printf 'main.e\\nkeys.e' >t/cmacros.lst", {kCompiling, kBatch}, {"main.e", "keys.e"},
            "tags.ex search.ex", "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]", false),
-    macros("batch_no_final_line_feed", "printf 'main.e\\nkeys.e' >t/cmacros.lst", {kBatch}, {"main.e", "keys.e"}, "x",
-           "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]", false),
     macros("batch_fails_one_by_one", "printf 'main.e\\nbad.e\\n' >t/cmacros.lst && echo 'broken(' >t/macros/bad.e",
            {kCompiling, kAll}, {"main.e", "keys.e", "tags.e", "search.e"}, "bad.ex",
            "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][bad.e]", true),
@@ -309,14 +269,15 @@ E2E_CASES(Config,
           msg("Cannot open macros directory $S/mine/inst/macros/."), "!" + kDone}});
 
 E2E_CASES(Plugin,
+    // A relative location is taken from the distribution directory the installer changed into.
     Case{"plugin_install", kIde + "cp -a \"$B/dist-plugin\" pl", "pl/cvinst -d +post-install",
-         kOpen + "\n\n$S/nowhere\ny\n$S/ide\n\n\n", 0,
+         kOpen + "\n\nnowhere\ny\n$S/ide\n\n\n", 0,
          {"!X server", "!Some old global configuration files", "*       Corvane PLUG-IN INSTALLATION PROGRAM        \n",
           kAgree, "\n" + kStars + "\n* Please specify the location of your Eclipse or \n* Websphere Studio "
           "installation.\n*\n* Example: /usr/lib/eclipse202/eclipse\n" + kStars +
           "\n\nWebSphere or Eclipse location []: ",
           box("No Eclipse location was given.\n" + kGive), "Try again [Y]? \nWebSphere or Eclipse location []: ",
-          box("The Eclipse location is not valid: '$S/nowhere/eclipse/.eclipseproduct' does not exist.\n" + kGive),
+          box("The Eclipse location is not valid: '$S/pl/nowhere/eclipse/.eclipseproduct' does not exist.\n" + kGive),
           "Try again [Y]? \nWebSphere or Eclipse location []: \nInstall directory [$S/ide/corvplugin/]: \nDirectory "
           "$S/ide/corvplugin " + kCreate, "\n\n" + kStars + "\n* The Corvane Plug-In requires that the following\n* "
           "paths be in your LD_LIBRARY_PATH search path:\n*\n* " + kCore + "/bin/\n* $S/ide/eclipse/\n*\n" + kStars,

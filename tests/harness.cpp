@@ -25,7 +25,6 @@ const char kPrelude[] = R"SH(cd "$S"; D=$S/dist; B=${MSG%/*}
 T='uname cp mv rm mkdir tar uncompress chgrp chown touch more'
 cvinst() { "$D/cvinst" "$@"; }
 q() { cvinst -d -post-install "$@"; }
-cvnobody() { nobody "$D/cvinst" "$@"; }
 inst() { "$S/$1/cvinst" -d -post-install -destination-dir "$S/$2" "${@:3}"; }
 mkd() { "$MK" --payload "${2:-$P}" --package "${3:-cvpack}" --out "$S/$1" --installer "$I" --messages "$MSG" \
   --license "$P/license.txt" >/dev/null; }
@@ -37,8 +36,6 @@ mnt() { mkdir -p "$1" && mount -t tmpfs -o "$2" tmpfs "$1" 2>/dev/null ||
 sock() { perl -MIO::Socket::UNIX -e 'IO::Socket::UNIX->new(Local => $ARGV[0], Listen => 1) or die' "$1"; }
 tools() { local d=$S/$1 t; shift; mkdir -p "$d"; for t; do ln -s "$(command -v "$t")" "$d/$t"; done; }
 intact() { (cd "$S/$1" && ! find . -type f ! -name '$alias.crv' ! -exec cmp -s {} "$S/$2/{}" \; -print | grep -q .); }
-noise() { perl -e 'srand $ARGV[1]; my $b = pack "C*", map { rand 256 } 1..65536;
-  print substr($b x ($ARGV[0] / 65536 + 1), 0, $ARGV[0])' "$1" "$2" | tr -d "$3"; }
 xvfb() { local x i; command -v Xvfb >/dev/null || { echo "skip: Xvfb is not installed"; exit 77; }
   Xvfb -displayfd 3 -nolisten tcp 3>"$S/.display" </dev/null >/dev/null 2>&1 & x=$!
   for i in $(seq 200); do [ -s "$S/.display" ] || sleep 0.05; done
