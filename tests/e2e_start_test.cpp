@@ -36,25 +36,12 @@ Case ini(Str name, Str text, Str dir, Str args = "") {
 }
 const std::string kEntry = "DestinationDir=$S/", kSection = "[unattended]\n";
 
-// No post-install answer, or any but an explicit no, leaves the X server check on: it warns.
-Case xCheck(Str name, Str args, bool checked, Str entry = "") {
-    Case c = {name, "", "cd \"$D\" && ./cvinst -d " + args, "\nn\n", 1, {checked ? kNoX : "!" + kNoX}};
-    if (!entry.empty()) c.files = {{"$D/setup.ini", kSection + entry + "\n"}};
-    return c;
-}
-
-// The shipped installer ignores an agreement accepted in advance; a copy patched at the build-time
-// marker ($S/p, exactly one marker) skips the banner, the pause and the agreement.
+// A copy ($S/p) patched at the build-time marker, which must be there exactly once.
 const std::string kPatch = "cp -a \"$D\" p && perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; "
                            "END { exit($n != 1) }' p/cvinst";
-Case eula(Str name, bool patched, Str entry, Str args, bool bypassed) {
-    const std::string dir = patched ? "$S/p" : "$D";
-    return {name, patched ? kPatch : "", "cd " + dir + " && ./cvinst -d -post-install -destination-dir $S/i " + args,
-            bypassed ? "" : kOpen, 0,
-            bypassed ? Lines{"!INSTALLATION PROGRAM", "!" + kPause, "!license terms", kDone}
-                     : Lines{"INSTALLATION PROGRAM", kPause, kAgree, kDone},
-            {"test -d i"}, {{dir + "/setup.ini", kSection + entry + "\n"}}};
-}
+// One run per line of the input, the options behind "|" and the entry of setup.ini behind another.
+const std::string kEach = "while IFS='|' read -r d a e; do cd \"$S/$d\" && rm -rf \"$S/i\" setup.ini && "
+                          "{ [ -z \"$e\" ] || printf '[unattended]\\n%s\\n' \"$e\" >setup.ini; } && ";
 
 // The distribution directory from the name the installer was started by, seen in the verbose
 // trace; the run ends at the pause or for want of a distribution.
@@ -115,9 +102,7 @@ E2E_CASES(CommandLine,
     preset("destination_dir_last", "-destination-dir", ""),
     preset("backup_dir_takes_no_option", "-backup-dir -destination-dir $S/f", "$S/f"),
     preset("destination_dir_relative", "-destination-dir rel", "$D/rel"),
-    preset("unknown_words_ignored", "bogus -x + - ''", ""),
-    xCheck("post_install_unset", "", true), xCheck("post_install_later_yes", "-post-install +POST-INSTALL", true),
-    xCheck("post_install_later_no_any_first", "+post-install '*Post-Install'", false));
+    preset("unknown_words_ignored", "bogus -x + - ''", ""));
 
 E2E_CASES(AnswersFile,
     // Section and key in any case behind blanks, any line ends, a comment, the last value of the
@@ -135,14 +120,18 @@ E2E_CASES(AnswersFile,
     Case{"read_before_changing_dir", "", "dist/cvinst -d -post-install", kOpen, 0, {"!" + kDirQ},
          {"test -d fromstart && ! test -e fromdist"},
          {{"$D/setup.ini", kSection + kEntry + "fromdist\n"}, {"$S/setup.ini", kSection + kEntry + "fromstart\n"}}},
-    xCheck("ini_post_install_no", "", false, "PostInstall=no"),
-    xCheck("ini_post_install_disabled", "", false, "postinstall=Disabled"),
-    xCheck("ini_post_install_trailing_blank", "", true, "PostInstall=no "),
-    xCheck("ini_post_install_blanks_around", "", true, "PostInstall = no"),
-    eula("eula_shipped", false, "AcceptEula=yes", "+accept-eula", false),
-    eula("eula_option", true, "", "+accept-eula", true), eula("eula_ini_enabled", true, "acceptEULA=ENABLED", "", true),
-    eula("eula_ini_no", true, "AcceptEula=no", "", false), eula("eula_ini_blanks", true, "AcceptEula = yes", "", false),
-    eula("eula_option_after_ini", true, "AcceptEula=yes", "-accept-eula", false));
+    // No post-install answer, or any but an explicit no, leaves the X server check on: it warns.
+    Case{"x_check_by_post_install", "", "set -f; " + kEach + "./cvinst -d $a <<<$'\\nn' >../o; echo $? $(grep -c "
+         "'Install: X server is not accessible' ../o); done", "dist||\ndist|-post-install +POST-INSTALL|\n"
+         "dist|+post-install *Post-Install|\ndist||PostInstall=no\ndist||postinstall=Disabled\ndist||PostInstall=no \n"
+         "dist||PostInstall = no\n", 0, {"=1 1\n1 1\n1 0\n1 0\n1 0\n1 1\n1 1\n"}},
+    // The shipped installer ignores an agreement accepted in advance; the patched copy skips the
+    // banner, the pause and the agreement: 1 line of theirs and the completion instead of 4.
+    Case{"eula_bypass", kPatch, kEach + "./cvinst -d -post-install -destination-dir \"$S/i\" $a <<<$'\\nyes' >../o; "
+         "echo $? $(grep -c 'INSTALLATION PROGRAM\\|<ENTER> to continue\\|license terms?\\|SUCCESSFULLY' ../o) "
+         "$(ls -d ../i); done", "dist|+accept-eula|AcceptEula=yes\np|+accept-eula|\np||acceptEULA=ENABLED\n"
+         "p||AcceptEula=no\np||AcceptEula = yes\np|-accept-eula|AcceptEula=yes\n", 0,
+         {"=0 4 ../i\n0 1 ../i\n0 1 ../i\n0 4 ../i\n0 4 ../i\n0 4 ../i\n"}});
 
 E2E_CASES(Locate,
     locate("full_path", "work", "true", "\"$D/cvinst\"", {tr("From full path ==> $D/.\n")}, true, false),
