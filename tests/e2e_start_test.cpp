@@ -19,29 +19,16 @@ const std::string kNoX = msg("X server is not accessible.");
 const std::string kBanner = "\n*           Corvane INSTALLATION PROGRAM            \n";
 const std::string kPluginBanner = "\n*       Corvane PLUG-IN INSTALLATION PROGRAM        \n";
 
-// A run from the distribution directory: a preset installs into `preset` without a question, else
-// the question is asked and answered with $S/asked.
-Case preset(Str name, Str args, Str preset) {
-    const std::string dir = preset.empty() ? "$S/asked" : preset;
-    return {name, "", "cd \"$D\" && ./cvinst -d -post-install " + args, preset.empty() ? answers(dir) : kOpen, 0,
-            preset.empty() ? Lines{"![stderr]", kDirQ, kCreate} : Lines{"![stderr]", "!" + kDirQ, "!Create [Y]?"},
-            {"test -d \"" + dir + "\" && ! test -e x"}};
-}
-// The same with setup.ini in the distribution directory, where the run starts. Arbitrary bytes in
-// it are the business of the answers-file fuzzer.
-Case ini(Str name, Str text, Str dir, Str args = "") {
-    Case c = preset(name, args, dir);
-    c.files = {{"$D/setup.ini", text}};
-    return c;
-}
 const std::string kEntry = "DestinationDir=$S/", kSection = "[unattended]\n";
 
 // A copy ($S/p) patched at the build-time marker, which must be there exactly once.
 const std::string kPatch = "cp -a \"$D\" p && perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; "
                            "END { exit($n != 1) }' p/cvinst";
-// One run per line of the input, the options behind "|" and the entry of setup.ini behind another.
-const std::string kEach = "while IFS='|' read -r d a e; do cd \"$S/$d\" && rm -rf \"$S/i\" setup.ini && "
-                          "{ [ -z \"$e\" ] || printf '[unattended]\\n%s\\n' \"$e\" >setup.ini; } && ";
+// One run in $S/<d> per line "d|options|entry|file" of the input: setup.ini holds the entry in the
+// section "unattended", or the whole file with the escapes of printf's %b ("\c" alone: empty).
+const std::string kEach = "while IFS='|' read -r d a e f; do cd \"$S/$d\" && rm -rf \"$S/i\" setup.ini && "
+                          "{ [ -z \"$e\" ] || printf '[unattended]\\n%s\\n' \"$e\" >setup.ini; } && "
+                          "{ [ -z \"$f\" ] || printf %b \"$f\" >setup.ini; } && ";
 
 // The distribution directory from the name the installer was started by, seen in the verbose
 // trace; the run ends at the pause or for want of a distribution.
@@ -96,26 +83,27 @@ E2E_CASES(CommandLine,
          {"!>>> ", "\nSkipping disk space check.\n"}, {"! test -e dist/-v"}},
     Case{"path_option_takes_no_option", "", "cvinst -destination-dir -v -d -post-install", answers("$S/i"), 0,
          {">>> Finding the full path", kDirQ, "\nSkipping disk space check.\n"}, {kTestI}},
-    preset("destination_dir", "-destination-dir $S/a", "$S/a"),
-    // Any case and any first character; the later one wins.
-    preset("destination_dir_any_case_later_wins", "-destination-dir $S/x xDESTINATION-Dir $S/e", "$S/e"),
-    preset("destination_dir_last", "-destination-dir", ""),
-    preset("backup_dir_takes_no_option", "-backup-dir -destination-dir $S/f", "$S/f"),
-    preset("destination_dir_relative", "-destination-dir rel", "$D/rel"),
-    preset("unknown_words_ignored", "bogus -x + - ''", ""));
+    // Presets from the options and from setup.ini in the distribution directory, where the run starts:
+    // exit status, questions asked (answered with $S/asked), and the directory made. Presets: the
+    // later one in any case and first character wins; a path option takes no option as value. The
+    // answers file: section and key in any case behind blanks, any line ends, a comment, the last
+    // value of the first such section, a trailing blank kept and a final Ctrl-Z not. No preset from
+    // other sections, a name that only begins alike, blanks in the key, a comment, entries behind
+    // the section, an empty file. Arbitrary bytes in it are the business of the answers-file fuzzer.
+    Case{"presets", "", "L='a b c d e f x y asked p?1? p2 dist/rel dist/fromargs'; " + kEach + "eval \"./cvinst -d "
+         "-post-install $a\" <<<$'\\nyes\\n'\"$S/asked\"$'\\ny' >../o; echo $? $(grep -c 'Install directory \\[\\|"
+         "Create \\[Y\\]?' ../o) $(cd .. && ls -d $L 2>/dev/null | tr '\\n' '|'); (cd .. && rm -rf $L); done",
+         "dist|-destination-dir $S/a\ndist|-destination-dir $S/x xDESTINATION-Dir $S/e\ndist|-destination-dir\n"
+         "dist|-backup-dir -destination-dir $S/f\ndist|-destination-dir rel\ndist|bogus -x + - ''\n"
+         "dist|||; answers\\n  \\t[UNATTENDED]\\r\\r\\n\\n \\t destinationDIR=$S/x\\rDestinationDir=$S/p 1 \\n"
+         "[unattended]\\nDestinationDir=$S/y\\n\ndist|||[unattended]\\nDestinationDir=$S/p2\\x1a\n"
+         "dist|-destination-dir fromargs|DestinationDir=$S/x\ndist|||[other]\\nDestinationDir=$S/a\\n[unattendedx]"
+         "\\nDestinationDir=$S/b\\n[unattended]\\nDestinationDir = $S/c\\n; DestinationDir=$S/d\\nPostInstall=no"
+         "\\n[other]\\nDestinationDir=$S/e\\n\ndist|||\\c\n", 0,
+         {"=0 0 a|\n0 0 e|\n0 2 asked|\n0 0 f|\n0 0 dist/rel|\n0 2 asked|\n0 0 p 1 |\n0 0 p2|\n0 0 dist/fromargs|\n"
+          "0 2 asked|\n0 2 asked|\n"}});
 
 E2E_CASES(AnswersFile,
-    // Section and key in any case behind blanks, any line ends, a comment, the last value of the
-    // first such section; a trailing blank is kept and a final Ctrl-Z is not.
-    ini("section", "; answers\n  \t[UNATTENDED]\r\r\n\n \t destinationDIR=$S/x\r" + kEntry + "p 1 \n" + kSection +
-                   kEntry + "y\n", "$S/p 1 "),
-    ini("final_ctrl_z", kSection + kEntry + "p2\x1a", "$S/p2"),
-    ini("command_line_wins", kSection + kEntry + "x\n", "$D/fromargs", "-destination-dir fromargs"),
-    // No preset: other sections, a name that only begins alike, blanks in the key, a comment, and
-    // entries behind the end of the section.
-    ini("not_an_entry", "[other]\n" + kEntry + "a\n[unattendedx]\n" + kEntry + "b\n" + kSection + "DestinationDir = "
-                        "$S/c\n; " + kEntry + "d\nPostInstall=no\n[other]\n" + kEntry + "e\n", ""),
-    ini("empty_file", "", ""),
     // Read from the directory the installer is started in, before it changes into the distribution.
     Case{"read_before_changing_dir", "", "dist/cvinst -d -post-install", kOpen, 0, {"!" + kDirQ},
          {"test -d fromstart && ! test -e fromdist"},
