@@ -13,17 +13,11 @@ const std::string kUsage =
     "       -backup-dir -- Where should files be backed up?\n"
     "       +/-accept-eula -- Accept EULA/Don't accept EULA\n"
     "       +/-post-install -- Perform/Dont perform post-install tasks immediately after installation\n\n";
-const std::string kNoPackage = "cp -a \"$D\" e && rm e/cvpack", kTestI = "test -d i";
+const std::string kTestI = "test -d i";
 const std::string kLicense = demoFile("license.txt");
-const std::string kNoX = msg("X server is not accessible.");
 const std::string kBanner = "\n*           Corvane INSTALLATION PROGRAM            \n";
 const std::string kPluginBanner = "\n*       Corvane PLUG-IN INSTALLATION PROGRAM        \n";
 
-const std::string kEntry = "DestinationDir=$S/", kSection = "[unattended]\n";
-
-// A copy ($S/p) patched at the build-time marker, which must be there exactly once.
-const std::string kPatch = "cp -a \"$D\" p && perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; "
-                           "END { exit($n != 1) }' p/cvinst";
 // One run in $S/<d> per line "d|options|entry|file" of the input: setup.ini holds the entry in the
 // section "unattended", or the whole file with the escapes of printf's %b ("\c" alone: empty).
 const std::string kEach = "while IFS='|' read -r d a e f; do cd \"$S/$d\" && rm -rf \"$S/i\" setup.ini && "
@@ -32,8 +26,6 @@ const std::string kEach = "while IFS='|' read -r d a e f; do cd \"$S/$d\" && rm 
 
 // The distribution directory from the name the installer was started by, seen in the verbose
 // trace; the run ends at the pause or for want of a distribution.
-const std::string kLocate = "mkdir -p work decoy/cvinst plain links && echo x >plain/cvinst && "
-                            "ln -s \"$D/cvinst\" links/cvinst";
 const std::string kSys = "/usr/local/bin:/usr/bin:/bin";
 std::string tr(Str text) { return ">>>    " + text; }
 // A run that changes directory traces it among the expected lines.
@@ -41,8 +33,9 @@ Case locate(Str name, Str cwd, Str path, Str argv0, Lines out, bool found, bool 
             Str program = "\"$D/cvinst\"") {
     if (!changes) out.insert(out.begin(), "!Changing to directory");
     out.push_back(found ? kBanner : "!INSTALLATION PROGRAM");
-    return {name, kLocate, "cd " + cwd + "; " + path + "; exec -a " + argv0 + " " + program + " -v -d -post-install",
-            "", 1, out};
+    return {name, "mkdir -p work decoy/cvinst plain links && echo x >plain/cvinst && ln -s \"$D/cvinst\" links/cvinst",
+            "cd " + cwd + "; " + path + "; exec -a " + argv0 + " " + program + " -v -d -post-install", "", 1,
+            out};
 }
 const std::string kFromPath = tr("From PATH ==> $D/.\n"), kUnable = msg("Unable to determine the distribution "
                                                                          "directory.");
@@ -55,23 +48,15 @@ std::string missingPackage(Str dir) {
            dir + "/.") + msg("Make sure the files are in lowercase.");
 }
 
-// The agreement: the answers up to the install directory, the exit status, how often it is asked.
-Case agree(Str name, Str input, int status, int asked) {
-    Lines out = {status == 0 ? "" : "!" + kDirQ, kPause, kLicense};
-    for (int i = 0; i < asked; i++) out.push_back(kAgree);
-    out.push_back("!" + kAgree);
-    if (status == 0) out.insert(out.end(), {kDirQ, "!" + kDirQ});
-    return {name, "", "q", input + (status == 0 ? "$S/i\ny\n" : ""), status, out, {(status ? "! " : "") + kTestI}};
-}
 const std::string kOdd = "dist 'q' \"dq\" $HOME; touch pwned1; `touch pwned2` $(touch pwned3)";
 const std::string kLong(100000, 'x');
 
 }  // namespace
 
 E2E_CASES(CommandLine,
-    Case{"help", kNoPackage, "e/cvinst -h", "", 0, {"=" + kUsage}},
-    Case{"help_ends_parsing", kNoPackage, "e/cvinst -v '-?' -destination-dir \"$S/inst\" -h -bogus", "", 0,
-         {"=" + kUsage}, {"! test -e inst"}},
+    // Also without a package; "-?" or "-h" ends the parsing.
+    Case{"help", "cp -a \"$D\" e && rm e/cvpack", "e/cvinst -h && e/cvinst -v '-?' -destination-dir \"$S/inst\" -h "
+         "-bogus", "", 0, {"=" + kUsage + kUsage}, {"! test -e inst"}},
     Case{"help_only_exact", "", "q -H --h +h -help", "", 1, {"!USAGE:", kPause}},
     // "-v" traces, "-d" skips the disk-space check; "-o" takes any word as its value.
     Case{"switches", "", "cvinst -v -d -post-install", answers("$S/i"), 0,
@@ -107,18 +92,21 @@ E2E_CASES(AnswersFile,
     // Read from the directory the installer is started in, before it changes into the distribution.
     Case{"read_before_changing_dir", "", "dist/cvinst -d -post-install", kOpen, 0, {"!" + kDirQ},
          {"test -d fromstart && ! test -e fromdist"},
-         {{"$D/setup.ini", kSection + kEntry + "fromdist\n"}, {"$S/setup.ini", kSection + kEntry + "fromstart\n"}}},
+         {{"$D/setup.ini", "[unattended]\nDestinationDir=$S/fromdist\n"},
+          {"$S/setup.ini", "[unattended]\nDestinationDir=$S/fromstart\n"}}},
     // No post-install answer, or any but an explicit no, leaves the X server check on: it warns.
     Case{"x_check_by_post_install", "", "set -f; " + kEach + "./cvinst -d $a <<<$'\\nn' >../o; echo $? $(grep -c "
          "'Install: X server is not accessible' ../o); done", "dist||\ndist|-post-install +POST-INSTALL|\n"
          "dist|+post-install *Post-Install|\ndist||PostInstall=no\ndist||postinstall=Disabled\ndist||PostInstall=no \n"
          "dist||PostInstall = no\n", 0, {"=1 1\n1 1\n1 0\n1 0\n1 0\n1 1\n1 1\n"}},
-    // The shipped installer ignores an agreement accepted in advance; the patched copy skips the
-    // banner, the pause and the agreement: 1 line of theirs and the completion instead of 4.
-    Case{"eula_bypass", kPatch, kEach + "./cvinst -d -post-install -destination-dir \"$S/i\" $a <<<$'\\nyes' >../o; "
-         "echo $? $(grep -c 'INSTALLATION PROGRAM\\|<ENTER> to continue\\|license terms?\\|SUCCESSFULLY' ../o) "
-         "$(ls -d ../i); done", "dist|+accept-eula|AcceptEula=yes\np|+accept-eula|\np||acceptEULA=ENABLED\n"
-         "p||AcceptEula=no\np||AcceptEula = yes\np|-accept-eula|AcceptEula=yes\n", 0,
+    // The shipped installer ignores an agreement accepted in advance; a copy ($S/p) patched at the
+    // build-time marker, which must be there exactly once, skips the banner, the pause and the
+    // agreement: 1 line of theirs and the completion instead of 4.
+    Case{"eula_bypass", "cp -a \"$D\" p && perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; "
+         "END { exit($n != 1) }' p/cvinst", kEach + "./cvinst -d -post-install -destination-dir \"$S/i\" $a "
+         "<<<$'\\nyes' >../o; echo $? $(grep -c 'INSTALLATION PROGRAM\\|<ENTER> to continue\\|license terms?\\|"
+         "SUCCESSFULLY' ../o) $(ls -d ../i); done", "dist|+accept-eula|AcceptEula=yes\np|+accept-eula|\n"
+         "p||acceptEULA=ENABLED\np||AcceptEula=no\np||AcceptEula = yes\np|-accept-eula|AcceptEula=yes\n", 0,
          {"=0 4 ../i\n0 1 ../i\n0 1 ../i\n0 4 ../i\n0 4 ../i\n0 4 ../i\n"}});
 
 E2E_CASES(Locate,
@@ -163,8 +151,11 @@ E2E_CASES(Console,
          "10.0                    \n" + kStars + "\n" + kStars + "\n\nEstimated disk space needed:  167 MB (including "
          "25 MB for tag files)\n\n" + kPause, "!INSTALLATION PROGRAM", "!license terms"}},
     // Only the whole word counts, in any case, with any line end.
-    agree("agreement_whole_word", "\r\ny\nn\nYe\n\nyes please\nYES\r\n", 0, 6),
-    agree("agreement_no_any_case", "\nNo\n", 1, 1),
+    Case{"agreement_whole_word", "", "q", "\r\ny\nn\nYe\n\nyes please\nYES\r\n$S/i\ny\n", 0,
+         {kPause, kLicense, kAgree, kAgree, kAgree, kAgree, kAgree, kAgree, "!" + kAgree, kDirQ, "!" + kDirQ},
+         {kTestI}},
+    Case{"agreement_no_any_case", "", "q", "\nNo\n", 1, {"!" + kDirQ, kPause, kLicense, kAgree, "!" + kAgree},
+         {"! " + kTestI}},
     Case{"no_license_text", "cp -a \"$D\" nl && rm nl/license.txt", "nl/cvinst -d -post-install", "\n$S/i\ny\n", 0,
          {"!license terms", kDirQ}, {kTestI}},
     Case{"license_from_odd_dir", "cp -a \"$D\" " + shq(kOdd), "cd " + shq(kOdd) + " && \"$S\"/" + shq(kOdd) +
