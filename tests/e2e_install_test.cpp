@@ -8,22 +8,18 @@ const std::string kPrompt = "Install directory [/opt/corvane/]: ";
 std::string createNo(Str d, Str up) { return msg("Insufficient access to create " + d + ". Read/Write access is "
                                                  "required for " + up + "."); }
 // Answers to the installation-directory step, as the user or as uid 65534 (kNobody).
-const std::string kDirs = "mkdir -p work/a there locked mine inst-bin/bin && echo x >plain && "
-                          "chown 65534 mine inst-bin";
 Case dir(Str name, Str run, Str input, int status, Lines out, Lines checks = {}) {
-    return {name, kDirs, run + " -d -post-install", kOpen + input, status, out, checks};
+    return {name, "mkdir -p work/a there locked mine inst-bin/bin && echo x >plain && chown 65534 mine inst-bin",
+            run + " -d -post-install", kOpen + input, status, out, checks};
 }
 const std::string kNobody = "nobody \"$D/cvinst\"", kOdd = "odd dir \"q\" 'x' $HOME `id`; touch pwned";
-const std::string kZeros(680, '0'), kFs = "$S/" + std::string(488, 'f');   // 511 characters with the "/"
 
 // The required tools from a directory of links; the run ends at the agreement.
-std::string notFound(Str tool) {
-    return msg("'" + tool + "' is not found in your PATH.") +
-           msg("Please add it to your path and restart the installation.");
-}
 Case tools(Str name, Str setup, Str path, Lines out, Str missing = "") {
     out.insert(out.begin(), missing.empty() ? "!is not found" : "!   more ... ");
-    if (!missing.empty()) out.insert(out.end(), {notFound(missing), "!is not found", "!license terms"});
+    if (!missing.empty())
+        out.insert(out.end(), {msg("'" + missing + "' is not found in your PATH.") + msg("Please add it to your path "
+                               "and restart the installation."), "!is not found", "!license terms"});
     return {name, setup, path + " cvinst -post-install -d -v", "\n", 1, out};
 }
 std::string found(Str tool, Str dir) { return ">>>    " + tool + " ... >>> Found at $S/" + dir + "/\n"; }
@@ -32,7 +28,6 @@ const std::string kXWarning =
     "is set to the correct display and that connection to\nthe X server is enabled (ie. use 'xhost +').\n\n"
     "You can still continue with the installation but your C/C++\nand Java source files will not be automatically "
     "tagged. You\ncan always manually tag these files later.\n\nContinue installation (Y/N)? [N]: ";
-const std::string kNoDisplay = "n=900; while [ -e /tmp/.X11-unix/X$n ]; do n=$((n+1)); done; export DISPLAY=:$n;";
 
 // A package whose list gets one more line (printed by `line`, bash), installed into $S/i.
 Case list(Str name, Str line, Str message, Str more = "") {
@@ -44,7 +39,6 @@ Case list(Str name, Str line, Str message, Str more = "") {
 }
 std::string lineOf(Str text) { return "printf %s " + shq(text); }
 const std::string kBroken = "cp -a \"$D\" bad && p=\"$D/cvpack\" && ";
-const std::string kNoList = msg("Unable to open distribution file $S/i/distribfilelist");
 
 // An earlier installation in $S/inst: its files are backed up, its alias file merged.
 const std::string kBackupQ = "Some old global configuration files have been found.\nDo you want a backup of these "
@@ -77,7 +71,6 @@ Case macros(Str name, Str change, Lines out, const Lines& compiled, Str notCompi
     return {name, "tree t && " + change + " && mkd d t", "inst d 'm m' -v", kOpen, 0, out, checks};
 }
 const std::string kAll = "Compiling all macros. Please wait...\n", kCompiling = "Compiling macros. Please wait...\n";
-const std::string kBatch = ">>> Compiling macros: command='$S/m m/bin/'cvtw '$S/m m/macros/'main.e -L keys.e\n";
 
 // Plug-in installations into the stand-in Eclipse of $S/ide/eclipse.
 const std::string kIde = "mkdir -p ide/eclipse && echo id=x >ide/eclipse/.eclipseproduct && ";
@@ -107,11 +100,12 @@ E2E_CASES(InstallDir,
         {"! test -e a"}),
     dir("parent_is_a_file", "cvinst", "$S/plain/sub\ny\n", 1, {createNo("$S/plain/sub/", "$S/plain")}),
     // Too long answers and presets: nothing at all is made.
-    dir("too_long_answer", "cvinst", "$S/" + kZeros + "\ny\ny\n", 1, {" is too long.\n"},
+    dir("too_long_answer", "cvinst", "$S/" + std::string(680, '0') + "\ny\ny\n", 1, {" is too long.\n"},
         {"[ \"$(ls -A | xargs)\" = 'dist inst-bin locked mine plain there work' ]"}),
     dir("too_long_relative", "cd work && cvinst", std::string(505, 'r') + "\ny\n", 1,
         {msg("Install directory $S/work/" + std::string(505, 'r') + "/ is too long.")}, {"[ \"$(ls -A work)\" = a ]"}),
-    dir("preset_fills_the_buffer", "cvinst -destination-dir " + kFs, "", 1, {" is too long.\n"},
+    // 511 characters with the "/".
+    dir("preset_fills_the_buffer", "cvinst -destination-dir $S/" + std::string(488, 'f'), "", 1, {" is too long.\n"},
         {"! ls -d ff* 2>/dev/null"}),
     dir("locked", kNobody, "$S/locked\n", 1, {noAccess("$S/locked/")}),
     dir("locked_parent", kNobody, "$S/locked/new\ny\n", 1, {createNo("$S/locked/new/", "$S/locked")},
@@ -137,7 +131,8 @@ E2E_CASES(Checks,
     Case{"x_server_reachable", "", "xvfb; cvinst -v -d", kOpen, 1, {"!X server is not accessible",
          "!Continue installation", ">>> Checking X server:\n", kAgree, msg("Cannot query install directory.")}},
     Case{"x_server_refused", "", "cvinst -d", "\n\nyes\n", 1, {kPause, kXWarning, "!license terms"}},
-    Case{"x_server_no_one_on_display", "", kNoDisplay + "cvinst -d", "\ny\nyes\n", 1,
+    Case{"x_server_no_one_on_display", "", "n=900; while [ -e /tmp/.X11-unix/X$n ]; do n=$((n+1)); done; "
+         "export DISPLAY=:$n; cvinst -d", "\ny\nyes\n", 1,
          {kPause, kXWarning + "\n", kAgree, kPrompt}},
     Case{"post_install_without_x", "", "cvinst -d +post-install -destination-dir \"$S/nox\"", "\ny\nyes\n", 0,
          {"\ndone\n", msg("") + msg("Cannot start post-installation because X server is not accessible.") +
@@ -203,7 +198,8 @@ E2E_CASES(Unpack,
           "!" + kDone}},
     // Checked, and then unchecked ("-s") into another directory.
     Case{"not_a_package", kBroken + "echo no >bad/cvpack", "inst bad i <<<$'\\nyes'; inst bad j -s <<<$'\\nyes'", "", 1,
-         {"\ndone\n", kNoList, msg("Error detected in distribution."), "!Checking distribution files",
+         {"\ndone\n", msg("Unable to open distribution file $S/i/distribfilelist"),
+          msg("Error detected in distribution."), "!Checking distribution files",
           "\ndone\nSkipping distribution check.\n", msg("Cannot create symbolic link bin/cvt to cvtw.")}},
     // More than 5 MB unpacked, with members outside the directory, absolute, and behind a link.
     Case{"dots_and_members", "tree big && head -c 5242880 /dev/urandom >big/docs/big.bin && mkd bd big && mkdir -p "
@@ -253,8 +249,9 @@ E2E_CASES(Config,
     backup("backup_answered_slash", "y\n$S/bk3/\n", "", "bk3", "see functioncomment here\n", true),
     backup("backup_dir_exists", "\n$S/inst/existing\nn\n\n", "", "inst/old", "", true),
     // The list's last line needs no line feed.
-    macros("batch", "printf 'main.e\\nkeys.e' >t/cmacros.lst", {kCompiling, kBatch}, {"main.e", "keys.e"},
-           "tags.ex search.ex", "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]", false),
+    macros("batch", "printf 'main.e\\nkeys.e' >t/cmacros.lst",
+           {kCompiling, ">>> Compiling macros: command='$S/m m/bin/'cvtw '$S/m m/macros/'main.e -L keys.e\n"},
+           {"main.e", "keys.e"}, "tags.ex search.ex", "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]", false),
     macros("batch_fails_one_by_one", "printf 'main.e\\nbad.e\\n' >t/cmacros.lst && echo 'broken(' >t/macros/bad.e",
            {kCompiling, kAll}, {"main.e", "keys.e", "tags.e", "search.e"}, "bad.ex",
            "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][bad.e]", true),
