@@ -11,8 +11,6 @@ const std::string kNoQuery = msg("Cannot query install directory.");
 const std::string kEclipse = "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
 // An earlier installation whose configuration the backup step finds.
 const std::string kOld = "mkdir -p inst/bin && echo old >inst/bin/corv.ini";
-// The same for uid 65534 in $S/mine, with root's launch script in a links directory it may use.
-const std::string kMine = kEclipse + " && mkdir -p mine ide/eclipse/links && chown 65534 mine ide/eclipse/links";
 
 }  // namespace
 
@@ -21,23 +19,23 @@ E2E_CASES(Faults,
     // fails, or, for the backup, the installation goes on without one.
     Case{"eof_at_x_question", "", "cvinst -d", "\n", 1, {"Continue installation (Y/N)? [N]: ", "!license terms"}},
     Case{"eof_at_agreement", "", "q", "\n", 1, {kAgree, "!" + kAgree, "!" + kDirQ}},
-    Case{"eof_at_eclipse_location", kEclipse, "pl/cvinst -d", kOpen, 1,
-         {"WebSphere or Eclipse location []: ", msg("Cannot query eclipse directory.")}},
     Case{"eof_at_install_directory", "", "q", kOpen, 1, {kDirQ, kNoQuery}},
     Case{"eof_at_creation", "", "q", kOpen + "$S/i\n", 1, {"Directory $S/i/ " + kCreate, kNoQuery}, {"! test -e i"}},
-    Case{"eof_at_plugin_root", kEclipse, "pl/cvinst -d -destination-dir \"$S/root\"", kOpen + "$S/ide\n", 1,
-         {"\nDirectory $S/root " + kCreate, kNoQuery}, {"! test -e root"}},
+    // The plug-in root to be created, and then the Eclipse location.
+    Case{"eof_at_plugin_questions", kEclipse, "pl/cvinst -d -destination-dir \"$S/root\" <<<$'\\nyes\\n$S/ide'; "
+         "[ $? = 1 ] || exit 9; pl/cvinst -d", kOpen, 1, {"\nDirectory $S/root " + kCreate, kNoQuery,
+         "WebSphere or Eclipse location []: ", msg("Cannot query eclipse directory.")}, {"! test -e root"}},
     Case{"eof_at_backup", kOld, "inst dist inst", kOpen, 0, {"Do you want a backup of these files [Y]? ", kDone},
          {"! test -e inst/old"}},
     Case{"eof_at_backup_directory", kOld, "inst dist inst", kOpen + "y\n", 0,
          {"Directory for old configuration files [$S/inst/old]: ", kDone}, {"[ $(cat inst/old/corv.ini) = old ]"}},
-    Case{"eof_at_overwrite", kEclipse + " && echo mine >ide/eclipse/eclipse-cv", "pl/cvinst -d +post-install",
-         kOpen + "$S/ide\n\n\n", 0, {"eclipse-cv already exists. Overwrite [N]? ", kDone},
-         {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}},
-    Case{"eof_at_overwrite_try_again", kMine + " && echo mine >ide/eclipse/eclipse-cv",
-         "nobody pl/cvinst -d +post-install", kOpen + "$S/ide\n$S/mine/r\n\ny\n", 0,
-         {msg("Insufficient access to overwrite $S/ide/eclipse/eclipse-cv. Read/Write access is required.\n") +
-          "Try again [Y]? ", kDone}, {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}},
+    // Root's launch script is there: uid 65534 (in $S/mine, with a links directory it may use) is
+    // asked to try again, root whether to overwrite it; both installations end well, the script stays.
+    Case{"eof_at_overwrite", kEclipse + " && mkdir -p mine ide/eclipse/links && chown 65534 mine ide/eclipse/links && "
+         "echo mine >ide/eclipse/eclipse-cv", "nobody pl/cvinst -d +post-install <<<$'\\nyes\\n$S/ide\\n$S/mine/r"
+         "\\n\\ny' && pl/cvinst -d +post-install", kOpen + "$S/ide\n\n\n", 0, {msg("Insufficient access to overwrite "
+         "$S/ide/eclipse/eclipse-cv. Read/Write access is required.\n") + "Try again [Y]? ", kDone,
+         "eclipse-cv already exists. Overwrite [N]? ", kDone}, {"[ $(cat ide/eclipse/eclipse-cv) = mine ]"}},
     // The disk fills up. While unpacking, tar gives up and verification names the short file.
     Case{"disk_full_unpacking", "tree t && head -c 3000000 /dev/urandom >t/docs/big.bin && mkd d t && mnt m size=2m",
          "inst d m/inst", kOpen, 1,
