@@ -16,7 +16,6 @@ const std::string kHuge = "mnt m size=1m && truncate -s 200T m/huge";
 const std::string kNullOk = "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}allocator_may_return_null=1 ";
 const std::string kInst = "inst dist inst", kMine = "nobody \"$D/cvinst\" -d -post-install "
                           "-destination-dir \"$S/mine/inst\"";
-const std::string kEclipse = "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
 // The package without one or two of its files, the file (or something else) put into $S/inst instead.
 std::string without(const std::string& file, const std::string& instead, const std::string& also = "") {
     return "tree t && rm " + shq("t/" + file) + (also.empty() ? "" : " " + shq("t/" + also)) + " && mkd d t && "

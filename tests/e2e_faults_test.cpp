@@ -8,7 +8,6 @@
 namespace {
 
 const std::string kNoQuery = msg("Cannot query install directory.");
-const std::string kEclipse = "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
 // An earlier installation whose configuration the backup step finds.
 const std::string kOld = "mkdir -p inst/bin && echo old >inst/bin/corv.ini";
 

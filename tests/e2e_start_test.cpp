@@ -57,13 +57,13 @@ E2E_CASES(CommandLine,
     // Also without a package; "-?" or "-h" ends the parsing.
     Case{"help", "cp -a \"$D\" e && rm e/cvpack", "e/cvinst -h && e/cvinst -v '-?' -destination-dir \"$S/inst\" -h "
          "-bogus", "", 0, {"=" + kUsage + kUsage}, {"! test -e inst"}},
-    Case{"help_only_exact", "", "q -H --h +h -help", "", 1, {"!USAGE:", kPause}},
     // "-v" traces, "-d" skips the disk-space check; "-o" takes any word as its value.
     Case{"switches", "", "cvinst -v -d -post-install", answers("$S/i"), 0,
          {">>> Finding the full path to executable...\n", "!Checking disk space", "\nSkipping disk space check.\n"},
          {"test -d i && ! test -e dist/-v"}},
-    Case{"switches_are_case_sensitive", "", "cvinst -V -D -post-install; true", answers("$S/i"), 0,
-         {"!>>> ", "!Skipping disk space check", "Checking disk space. Please wait..."}},
+    // Switches are case-sensitive, and only "-h" and "-?" ask for help.
+    Case{"switches_are_exact", "", "cvinst -V -D -H --h +h -help -post-install; true", answers("$S/i"), 0,
+         {"!USAGE:", "!>>> ", "!Skipping disk space check", "Checking disk space. Please wait..."}},
     Case{"switch_value_of_o", "", "cvinst -o -v -d -post-install", answers("$S/i"), 0,
          {"!>>> ", "\nSkipping disk space check.\n"}, {"! test -e dist/-v"}},
     Case{"path_option_takes_no_option", "", "cvinst -destination-dir -v -d -post-install", answers("$S/i"), 0,
