@@ -7,10 +7,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Half the inputs run with an agreement accepted in advance honoured, as a build for that would.
     gEulaBypassMarker[strlen(gEulaBypassMarker) - 1] = size % 2 ? '1' : '0';
-    std::string path = writeScratch("setup.ini", data, size);
     InstallAnswers answers;
     memset(&answers, 0x5a, sizeof answers);
-    int32_t rc = readAnswersFile(path.c_str(), &answers);
+    int32_t rc = readAnswersFile(writeScratch("setup.ini", data, size).c_str(), &answers);
     if (rc != 0 && rc != -1) abort();
     for (const char* preset : {answers.destinationDir, answers.backupDir, answers.eclipseDir})
         if (memchr(preset, '\0', kPathSize) == nullptr) abort();

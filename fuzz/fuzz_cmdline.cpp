@@ -12,9 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (data[i] == '\0') args.emplace_back();
         else args.back() += static_cast<char>(data[i]);
     }
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
+    std::vector<char*> argv(args.size() + 1);  // ends in a null pointer
+    for (size_t i = 0; i < args.size(); i++) argv[i] = &args[i][0];
 
     resetInstallState();
     gEulaBypassMarker[strlen(gEulaBypassMarker) - 1] = size % 2 ? '1' : '0';

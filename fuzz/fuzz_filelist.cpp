@@ -1,9 +1,6 @@
 // The verification step's file-list parser: arbitrary bytes as "distribfilelist" of an
 // installation directory that holds a few real files for the records to match.
-#include <dirent.h>
-#include <sys/stat.h>
-
-#include <cstring>
+#include <filesystem>
 
 #include "fuzz/scratch.h"
 #include "installer/state.h"
@@ -12,8 +9,7 @@
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // bin/cv: 10 bytes, byte sum 704; "a b.txt": 3 bytes, 294; "empty": 0 bytes.
-    mkdir((scratchDir() + "inst").c_str(), 0755);
-    mkdir((scratchDir() + "inst/bin").c_str(), 0755);
+    std::filesystem::create_directories(scratchDir() + "inst/bin");
     writeScratch("inst/bin/cv", reinterpret_cast<const uint8_t*>("#!/bin/sh\n"), 10);
     writeScratch("inst/a b.txt", reinterpret_cast<const uint8_t*>("abc"), 3);
     writeScratch("inst/empty", nullptr, 0);
@@ -26,9 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int32_t rc = verifyDistribution();
     if ((rc != 0 && rc != -1) || access(listPath.c_str(), F_OK) == 0) abort();  // checked lists are renamed
     // The renamed lists carry the time of the check; drop them so that they do not pile up.
-    DIR* dir = opendir(gState.installDir);
-    for (dirent* entry; dir != nullptr && (entry = readdir(dir)) != nullptr;)
-        if (strncmp(entry->d_name, "distribfilelist.", 16) == 0) unlink((gState.installDir + std::string(entry->d_name)).c_str());
-    if (dir != nullptr) closedir(dir);
+    for (const auto& entry : std::filesystem::directory_iterator(gState.installDir))
+        if (entry.path().filename().string().rfind("distribfilelist.", 0) == 0) std::filesystem::remove(entry);
     return 0;
 }

@@ -21,16 +21,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         int32_t code = in.ConsumeIntegral<int32_t>();
         setMessageOverride(code, in.ConsumeRandomLengthString(600).c_str());
     }
-    int32_t codes[8];
-    int count = in.ConsumeIntegralInRange(1, 8);
-    for (int i = 0; i < count; i++)
-        codes[i] = in.ConsumeBool() ? -in.ConsumeIntegralInRange(0, 200) : in.ConsumeIntegral<int32_t>();
+    std::vector<int32_t> codes(in.ConsumeIntegralInRange(1, 8));
+    for (int32_t& code : codes)
+        code = in.ConsumeBool() ? -in.ConsumeIntegralInRange(0, 200) : in.ConsumeIntegral<int32_t>();
     std::vector<uint8_t> file = in.ConsumeRemainingBytes<uint8_t>();
     writeScratch("msg.cvb", file.data(), file.size());
     setMessageFile(scratchDir().c_str(), "msg.cvb");
     reloadMessageFile();
-    for (int i = 0; i < count; i++) {
-        const char* text = getMessage(codes[i]);
+    for (int32_t code : codes) {
+        const char* text = getMessage(code);
         // A slot marker takes 3 bytes of the file and gives at most 511 characters.
         if (text == nullptr || strlen(text) > 512 * (file.size() + 1)) abort();
     }

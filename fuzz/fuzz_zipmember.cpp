@@ -12,12 +12,8 @@
 #include "runtime/filehandle.h"
 #include "runtime/pool.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fileSetArchiveDecompressor(uncompress);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    fileSetArchiveDecompressor(uncompress);
     FuzzedDataProvider in(data, size);
     std::string path = scratchDir() + "a.zip/" + in.ConsumeRandomLengthString(300);
     std::vector<uint8_t> ops = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange(0, 40));

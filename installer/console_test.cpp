@@ -4,13 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <string>
 
-namespace {
-
-std::string s(size_t n, char c) { return std::string(n, c); }
+static std::string s(size_t n, char c) { return std::string(n, c); }
 
 TEST(Console, WrapProgressAndFields) {
     // 144 chunks of 71 characters fill 10224 of the 10239 places: 15 line feeds still fit
@@ -45,5 +42,3 @@ TEST(Console, WrapProgressAndFields) {
     EXPECT_TRUE(!strcmp(fieldOf("a::c", 2, ':'), "") && !strcmp(fieldOf("Linux 2.4.20-8", 2, ' '), "2.4.20-8"));
     EXPECT_EQ(strlen(fieldOf(s(800, 'f').c_str(), 1, ':')), 511u);
 }
-
-}  // namespace

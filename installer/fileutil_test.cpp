@@ -10,8 +10,6 @@
 #include "installer/state.h"
 #include "runtime/path.h"
 
-namespace {
-
 TEST(FileUtil, ParentAndTrailingSlash) {
     // A path, its parent directory, and the path without and with one trailing "/".
     const struct { const char *path, *parent, *stripped, *appended; } rows[] = {
@@ -19,12 +17,9 @@ TEST(FileUtil, ParentAndTrailingSlash) {
         {"/", "/", "/", "/"}, {"/a/b/", "/a/b/", "/a/b", "/a/b/"}, {"", "", "", "/"}};
     for (const auto& row : rows) {
         char parent[kPathSize], stripped[kPathSize], appended[kPathSize];
-        strCopyBounded(parent, row.path, kPathSize), strCopyBounded(stripped, row.path, kPathSize);
-        strCopyBounded(appended, row.path, kPathSize);
+        for (char* copy : {parent, stripped, appended}) strCopyBounded(copy, row.path, kPathSize);
         cutToParentDir(parent), stripTrailingSlash(stripped), appendSlash(appended);
         EXPECT_TRUE(!strcmp(parent, row.parent) && !strcmp(stripped, row.stripped) && !strcmp(appended, row.appended))
             << row.path << ": " << parent << " " << stripped << " " << appended;
     }
 }
-
-}  // namespace

@@ -40,12 +40,10 @@ protected:
         std::istringstream in(answers);
         script << "#!/bin/sh\ncase \"$*\" in\n";
         for (std::string entry; std::getline(in, entry, ';');) {
-            size_t eq = entry.find('=');
-            script << "\"" << (eq == std::string::npos ? "" : entry.substr(0, eq)) << "\") echo '"
-                   << entry.substr(eq == std::string::npos ? 0 : eq + 1) << "' ;;\n";
+            size_t eq = entry.find('=') + 1;  // 0 for the plain answer
+            script << "\"" << entry.substr(0, eq ? eq - 1 : 0) << "\") echo '" << entry.substr(eq) << "' ;;\n";
         }
-        script << "esac\n";
-        script.close();
+        script << "esac\n";  // written out as the stream closes, before the program is run
         chmod((dir + "/" + name).c_str(), 0755);
     }
     std::string dir, savedPath;
@@ -64,11 +62,10 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         {"", "SunOS", "", 8, 99, "v", "r"},  {"", "SunOS;-r=5.8", "", 8, 99, "5", "r"},
         {"", "AIX;-v=4;-r=3", "", 0, kOsAix, "4", "3"}, {"", "AIX;-r=3", "", 5, kOsAix, "v", "r"},
         {"", "AIX;-v=4", "", 6, kOsAix, "4", "r"},  {"", "HP-UX;-r=B.11.00", "", 0, kOsHpux, "11", "00"},
-        {"", "OSF1;-r=V4.0", "", 0, kOsDigitalUnix, "4", "0"},
+        {"", "OSF1;-r=V4.0", "", 0, kOsDigitalUnix, "4", "0"}, {"", "Plan9;-r=4", "", 12, 99, "v", "r"},
         {"", "IRIX;-r=6.5", "", 0, kOsIrix, "6", "5"}, {"", "IRIX64;-r=6.5", "", 12, 99, "v", "r"},
         {"", "OS/390;-v=03;-r=20.00", "", 0, kOsOs390, "03", "20.00"},
         {"", "SCO_SV;-r=3.2", "-r=5.0", 0, kOsSco, "5", "0"},  // the release comes from "name -r"
-        {"", "Plan9;-r=4", "", 12, 99, "v", "r"},
         // A release query that fails keeps the type and makes version and release "0".
         {"", "Linux", "", 9999, kOsLinux, "0", "0"}, {"", "SCO_SV;-r=3.2", "", 9999, kOsSco, "0", "0"},
         // The override wins over uname; its type is found without regard to case.

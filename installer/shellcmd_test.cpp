@@ -8,8 +8,6 @@
 
 #include <string>
 
-namespace {
-
 TEST(ShellCommand, QuotingLimitsAndStatus) {
     const struct { int32_t size; const char *format, *arg, *expected; } rows[] = {
         {512, "tar xf - -C %s", "/opt/corvane-10.0/a_b+c,d:e=f@g%h", "tar xf - -C /opt/corvane-10.0/a_b+c,d:e=f@g%h"},
@@ -30,5 +28,3 @@ TEST(ShellCommand, QuotingLimitsAndStatus) {
     int status = runShell("exit 3");
     EXPECT_TRUE(runShell("exit 0") == 0 && WIFEXITED(status) && WEXITSTATUS(status) == 3);
 }
-
-}  // namespace

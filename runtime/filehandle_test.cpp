@@ -15,7 +15,6 @@
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -37,8 +36,7 @@ std::pair<int32_t, std::string> readThroughHandle(const std::string& path) {
 class FileTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char name[] = "/tmp/cvrt_file_XXXXXX";
-        char real[PATH_MAX];
+        char name[] = "/tmp/cvrt_file_XXXXXX", real[PATH_MAX];
         ASSERT_TRUE(mkdtemp(name) && realpath(name, real));
         tmp_ = real;
         fileSetArchiveDecompressor(uncompress);
@@ -143,9 +141,7 @@ struct Member {
     uint32_t method, size;     // size: uncompressed
 };
 Member stored(const std::string& name, const std::string& text) { return {name, text, 0, u32(text.size())}; }
-Member deflated(const std::string& name, const std::string& text) {
-    return {name, rawDeflate(text), 8, u32(text.size())};
-}
+Member deflated(const std::string& name, const std::string& t) { return {name, rawDeflate(t), 8, u32(t.size())}; }
 
 // Local headers and data, the central directory and the end record. Local headers carry an extra
 // field of 3 bytes, central ones one of 4.

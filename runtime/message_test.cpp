@@ -12,8 +12,6 @@
 
 namespace {
 
-typedef std::vector<std::pair<int32_t, std::string>> Entries;
-
 // 32-bit little-endian words followed by raw bytes.
 std::string words(const std::vector<int64_t>& values, const std::string& tail = "") {
     std::string b;
@@ -23,7 +21,7 @@ std::string words(const std::vector<int64_t>& values, const std::string& tail = 
 }
 
 // A well-formed message file: entries in the given order, texts laid out behind the table.
-std::string messageFile(const Entries& entries) {
+std::string messageFile(const std::vector<std::pair<int32_t, std::string>>& entries) {
     std::vector<int64_t> table = {4386, 8 + 8 * int64_t(entries.size()) + 8};
     std::string texts;
     for (const auto& e : entries) {
@@ -62,9 +60,8 @@ TEST_F(MessageTest, LookupMarkersOverrideAndReload) {
         // The later of two entries wins; a gap, a positive code and codes below -100000 give code 0's text;
         // an argument never set is empty.
         {kKeep, "", -2, "File not found"}, {kKeep, "", -5, "Access denied"}, {kKeep, "", -3, "Error"},
-        {kKeep, "", 7, "Error"}, {kKeep, "", INT32_MIN, "Error"}, {kKeep, "", -100001, "Error"},
-        {kKeep, "", -100000, "lowest"},   {kKeep, "", -1, "[]"},
-        {1, nullptr, -1, "[(null)]"},     {1, "file.txt", -1, "[file.txt]"},
+        {kKeep, "", 7, "Error"}, {kKeep, "", INT32_MIN, "Error"}, {kKeep, "", -100001, "Error"}, {kKeep, "", -1, "[]"},
+        {kKeep, "", -100000, "lowest"}, {1, nullptr, -1, "[(null)]"}, {1, "file.txt", -1, "[file.txt]"},
         {kKeep, "", -12, "a%s<index> index too largeb"}, {kKeep, "", -13, "100%"}, {kKeep, "", -14, "%d stays"},
         {0, "zero", -15, "zero and "},    {9, "nine", -15, "zero and nine"}, {10, "ignored", -15, "zero and nine"},
         {kKeep, "", -16, "ends in %s<index> index too large"},
@@ -99,10 +96,9 @@ TEST_F(MessageTest, ErrorTextsOfTheServiceAndDamagedFiles) {
     const std::string unterminated = words({4386, 8, 0, 16, -2, 16}, "abc");
     const struct { const char* what; std::string bytes; int32_t code; std::string text; } rows[] = {
         {"no text for 0", messageFile({{-2, "File not found"}}), -3, error("empty")},
-        {"two bytes", "\x22\x11", -2, error("not valid")},
         {"text past the end", outside, -2, "Error"}, {"text far beyond the end", outside, -3, "Error"},
         {"text base past the end", good.substr(0, 4) + words({0x7FFFFFF0}) + good.substr(8), -2, error("empty")},
-        {"no terminator", unterminated, -2, "abc"},
+        {"no terminator", unterminated, -2, "abc"}, {"two bytes", "\x22\x11", -2, error("not valid")},
         {"last text without NUL", good.substr(0, good.size() - 1), -2, "File not found"},
     };
     for (const auto& r : rows) {

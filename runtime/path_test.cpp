@@ -6,7 +6,6 @@
 
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <unistd.h>
 
@@ -36,8 +35,7 @@ std::string physicalCwd() {
 class PathTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char name[] = "/tmp/cvrt_path_XXXXXX";
-        char real[PATH_MAX];
+        char name[] = "/tmp/cvrt_path_XXXXXX", real[PATH_MAX];
         ASSERT_TRUE(mkdtemp(name) && realpath(name, real));
         tmp_ = real;
         start_ = physicalCwd();
@@ -97,12 +95,10 @@ TEST_F(PathTest, AbsolutePathsAndLinkResolution) {
     ASSERT_EQ(changeDirectory(at("sublink").c_str()), 0);  // logically through a link
     // noFollow -1 stands for pathAbsolute; "@" is the temporary directory.
     const struct { const char* in; int noFollow; const char* out; } rows[] = {
-        {"name", -1, "@/sub/name"},           {"../dirlink/x.txt", -1, "@/real/x.txt"},
-        {"\"../sub/q\"", -1, "@/sub/q"},      {"nodir/y", -1, "@/sub/nodir/y"},
-        {"/no/such/dir/z", -1, "/no/such/dir/z"}, {"a/./b/../c", 1, "@/sublink/a/c"},
-        {"/xy/../../yz//z/", 1, "/yz/z/"},   {"/..", 1, "/"},
-        {"../dirlink/x", 1, "@/dirlink/x"},   {"../a/link", 1, "@/a/link"},
-        {"../a/link", 0, "@/b/file"},         {"@/chain7_1", 0, "@/target"},
+        {"name", -1, "@/sub/name"}, {"../dirlink/x.txt", -1, "@/real/x.txt"}, {"\"../sub/q\"", -1, "@/sub/q"},
+        {"nodir/y", -1, "@/sub/nodir/y"}, {"/no/such/dir/z", -1, "/no/such/dir/z"}, {"a/./b/../c", 1, "@/sublink/a/c"},
+        {"/xy/../../yz//z/", 1, "/yz/z/"}, {"/..", 1, "/"}, {"../dirlink/x", 1, "@/dirlink/x"},
+        {"../a/link", 1, "@/a/link"}, {"../a/link", 0, "@/b/file"}, {"@/chain7_1", 0, "@/target"},
         {"@/chain8_1", 0, "@/chain8_1"},      {"@/loop1", 0, "@/loop1"},  // 8 links or more: unresolved
     };
     for (const auto& r : rows) {
