@@ -92,8 +92,7 @@ TEST_F(FileTest, HandlesModesAndStatusCodes) {
 }
 
 TEST_F(FileTest, WholeFileReads) {
-    std::string path = put("f", std::string(100, 'x'));
-    std::string big;
+    std::string path = put("f", std::string(100, 'x')), big;
     for (int i = 0; i < 100000; ++i) big += static_cast<char>(i * 7);
     const std::string text("text\x1a", 5);
     const struct { std::string bytes; int32_t keepEof, length; } rows[] = {
@@ -172,10 +171,11 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
         members.push_back(stored("m" + std::to_string(i) + ".txt", "member " + std::to_string(i)));
     std::string zip = put("a.zip", buildZip(members));
     put("broken.zip", "not an archive at all");
-    // An unknown method, a stored member shorter than its size, and an end record counting 500 entries.
+    // An unknown method, a stored member shorter than its size, an end record counting 500 entries.
     std::string odd = put("odd.zip", buildZip({{"m12", "abc", 12, 3}, {"short", "abc", 0, 4}}));
     std::string one = buildZip({stored("a", "abc")});
     const std::string many = put("many.zip", one.replace(one.find("PK\5\6") + 8, 2, "\xf4\x01"));
+    const std::string headless = put("headless.zip", "PK\3\5" + buildZip({stored("a", "abc")}).substr(4));
     ASSERT_EQ(mkdir(at("d.zip").c_str(), 0755), 0);  // named like an archive, passed over
     put("d.zip/plain.txt", "plain");
     std::string inner = put("d.zip/inner.jar", buildZip({stored("x", "inner")}));
@@ -187,6 +187,7 @@ TEST_F(FileTest, ArchiveMembersSeekExistenceAndAccess) {
         {zip + "/READ.ME", 1, 1, 0, "upper"},   {zip + "/Read.me", 1, 1, 0, "mixed"}, {zip + "/nothing", 1, 1, 0, ""},
         {zip + "/sub", 1, 1, -2, ""},           {zip + "/sub/", 1, 1, 0, ""}, {zip + "/missing", 0, 0, -2, ""},
         {zip + "/sub/missing", 0, 0, -2, ""},  {odd + "/m12", 1, 1, -4136, ""}, {odd + "/short", 1, 1, -4136, ""},
+        {headless + "/a", 1, 1, -4137, ""},  // the central directory points at no local header
         {many + "/a", 0, 0, -4137, ""},  {at("broken.zip/x"), 0, 0, -4134, ""}, {at("missing.zip/x"), -1, 0, -3, ""},
         {at("d.zip/plain.txt"), -1, 1, 0, "plain"}, {inner + "/x", 1, 1, 0, "inner"},
     };

@@ -57,9 +57,10 @@ TEST_F(MessageTest, LookupMarkersOverrideAndReload) {
                       {-13, "100%%"}, {-14, "%d stays"}, {-15, "%s0 and %s9"}, {-16, "ends in %s"}}));
     const int kKeep = -1;  // slot value: leave the arguments as they are
     const struct { int slot; const char* arg; int32_t code; const char* text; } rows[] = {
-        // The later of two entries wins; a gap, a positive code and codes below -100000 give code 0's text;
+        // The later of two entries wins; a gap, positive codes and codes below -100000 give code 0's text;
         // an argument never set is empty.
         {kKeep, "", -2, "File not found"}, {kKeep, "", -5, "Access denied"}, {kKeep, "", -3, "Error"},
+        {kKeep, "", 1, "Error"},
         {kKeep, "", 7, "Error"}, {kKeep, "", INT32_MIN, "Error"}, {kKeep, "", -100001, "Error"}, {kKeep, "", -1, "[]"},
         {kKeep, "", -100000, "lowest"}, {1, nullptr, -1, "[(null)]"}, {1, "file.txt", -1, "[file.txt]"},
         {kKeep, "", -12, "a%s<index> index too largeb"}, {kKeep, "", -13, "100%"}, {kKeep, "", -14, "%d stays"},
