@@ -33,18 +33,20 @@ struct Random {
     // Uniform in [low, high].
     uint64_t between(uint64_t low, uint64_t high) { return low + next() % (high - low + 1); }
     template <size_t N>
-    const char* pick(const char* const (&words)[N]) { return words[next() % N]; }
+    const char* pick(const char* const (&words)[N]) {
+        return words[next() % N];
+    }
 };
 
 const char* const kWords[] = {
-    "buffer", "window", "cursor", "line", "column", "mark", "region", "search", "replace", "macro",
-    "key", "binding", "menu", "file", "path", "tag", "symbol", "token", "parse", "indent",
-    "syntax", "color", "font", "view", "scroll", "undo", "redo", "clip", "paste", "select",
-    "block", "word", "char", "count", "index", "offset", "length", "size", "flag", "mode",
-    "state", "list", "table", "entry", "name", "value", "result", "status", "error", "config",
-    "option", "project", "build", "compile", "debug", "trace", "format", "print", "open", "close",
-    "read", "write", "save", "load", "find", "next", "prev", "first", "last", "begin",
-    "end", "start", "stop", "insert", "delete", "move", "copy", "split", "join", "wrap",
+    "buffer", "window",  "cursor", "line",    "column", "mark",   "region", "search", "replace", "macro",
+    "key",    "binding", "menu",   "file",    "path",   "tag",    "symbol", "token",  "parse",   "indent",
+    "syntax", "color",   "font",   "view",    "scroll", "undo",   "redo",   "clip",   "paste",   "select",
+    "block",  "word",    "char",   "count",   "index",  "offset", "length", "size",   "flag",    "mode",
+    "state",  "list",    "table",  "entry",   "name",   "value",  "result", "status", "error",   "config",
+    "option", "project", "build",  "compile", "debug",  "trace",  "format", "print",  "open",    "close",
+    "read",   "write",   "save",   "load",    "find",   "next",   "prev",   "first",  "last",    "begin",
+    "end",    "start",   "stop",   "insert",  "delete", "move",   "copy",   "split",  "join",    "wrap",
 };
 const char* const kTypes[] = {"int", "long", "char *", "unsigned", "void", "struct view *", "bool", "size_t"};
 const char* const kKeywords[] = {"if", "while", "for", "switch", "return"};
@@ -159,7 +161,7 @@ void denseBinary(Random& random, size_t size, std::string* out) {
 }
 
 int makeDirs(const std::string& path) {
-    for (size_t slash = path.find('/', 1); ; slash = path.find('/', slash + 1)) {
+    for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
         std::string prefix = path.substr(0, slash);
         if (mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) {
             fprintf(stderr, "genpayload: cannot create %s: %s\n", prefix.c_str(), strerror(errno));
@@ -173,7 +175,8 @@ int writeFile(const std::string& path, const std::string& content, mode_t mode) 
     size_t slash = path.rfind('/');
     if (makeDirs(path.substr(0, slash)) != 0) return 1;
     FILE* out = fopen(path.c_str(), "wb");
-    if (out == nullptr || fwrite(content.data(), 1, content.size(), out) != content.size() || fclose(out) != 0) {
+    if (out == nullptr || fwrite(content.data(), 1, content.size(), out) != content.size() ||
+        fclose(out) != 0) {
         fprintf(stderr, "genpayload: cannot write %s: %s\n", path.c_str(), strerror(errno));
         return 1;
     }
@@ -226,8 +229,10 @@ int main(int argc, char** argv) {
         content.clear();
         size_t size = static_cast<size_t>(random.between(1024, 20 * 1024));
         const char* extension = kExtensions[random.next() % 8];
-        if (strcmp(extension, ".txt") == 0) proseText(random, size, &content);
-        else sourceText(random, size, &content);
+        if (strcmp(extension, ".txt") == 0)
+            proseText(random, size, &content);
+        else
+            sourceText(random, size, &content);
         std::string dir = nestedDir(random, kSourceRoots[random.next() % 4]);
         if (writeFile(top + "/" + dir + "/" + fileName(random, i, extension), content, 0644) != 0) return 1;
         written += size;
@@ -236,8 +241,10 @@ int main(int argc, char** argv) {
         content.clear();
         size_t size = static_cast<size_t>(random.between(100 * 1024, 1024 * 1024));
         bool text = i % 2 == 0;
-        if (text) proseText(random, size, &content);
-        else semiBinary(random, size, &content);
+        if (text)
+            proseText(random, size, &content);
+        else
+            semiBinary(random, size, &content);
         std::string dir = nestedDir(random, text ? "help" : "data");
         if (writeFile(top + "/" + dir + "/" + fileName(random, i, text ? ".hlp" : ".db"), content, 0644) != 0)
             return 1;
@@ -258,6 +265,7 @@ int main(int argc, char** argv) {
         if (writeFile(top + "/" + dir + "/" + fileName(random, i, ".so"), content, 0755) != 0) return 1;
         written += size;
     }
-    printf("genpayload: %d files, %llu bytes in %s\n", files, static_cast<unsigned long long>(written), top.c_str());
+    printf("genpayload: %d files, %llu bytes in %s\n", files, static_cast<unsigned long long>(written),
+           top.c_str());
     return 0;
 }

@@ -47,16 +47,19 @@ void churn(benchmark::State& state, Alloc alloc, Release release) {
 }
 
 void BM_SmallBlocks_Malloc(benchmark::State& state) {
-    churn(state, [](uint32_t n) { return malloc(n); }, [](void* p) { free(p); });
+    churn(
+        state, [](uint32_t n) { return malloc(n); }, [](void* p) { free(p); });
 }
 
 void BM_SmallBlocks_POMAllocator(benchmark::State& state) {
     POMAllocator pool(512, 8192);
-    churn(state, [&](uint32_t n) { return pool.allocate(n); }, [&](void* p) { pool.release(p); });
+    churn(
+        state, [&](uint32_t n) { return pool.allocate(n); }, [&](void* p) { pool.release(p); });
 }
 
 void BM_SmallBlocks_LibAlloc(benchmark::State& state) {
-    churn(state, [](uint32_t n) { return libAlloc(static_cast<int32_t>(n)); }, [](void* p) { libFree(p); });
+    churn(
+        state, [](uint32_t n) { return libAlloc(static_cast<int32_t>(n)); }, [](void* p) { libFree(p); });
 }
 
 std::string benchFile() {
@@ -110,7 +113,7 @@ void BM_GetMessageWithArgument(benchmark::State& state) {
     // magic, textBase, one entry (code -2 at offset 0), terminator, then the text
     const char text[] = "File '%s1' not found.";
     unsigned char file[4 * 6 + sizeof(text)] = {0x22, 0x11, 0, 0, 24, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff,
-                                                0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0xff, 0xff};
+                                                0,    0,    0, 0, 0,  0, 0, 0, 0xff, 0xff, 0xff, 0xff};
     memcpy(file + 24, text, sizeof(text));
     std::string path = std::string(dir) + "/bench.cvb";
     FILE* f = fopen(path.c_str(), "wb");

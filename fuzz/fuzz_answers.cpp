@@ -13,9 +13,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (rc != 0 && rc != -1) abort();
     for (const char* preset : {answers.destinationDir, answers.backupDir, answers.eclipseDir})
         if (memchr(preset, '\0', kPathSize) == nullptr) abort();
-    for (int32_t triState : {answers.acceptEula, answers.addProgramIcon, answers.addToPath,
-                             answers.associateWithTornado, answers.installCygwin, answers.installJdk,
-                             answers.checkForRunningEditor, answers.postInstall})
+    for (int32_t triState :
+         {answers.acceptEula, answers.addProgramIcon, answers.addToPath, answers.associateWithTornado,
+          answers.installCygwin, answers.installJdk, answers.checkForRunningEditor, answers.postInstall})
         if (triState < -1 || triState > 1) abort();
     if (!(size % 2) && answers.acceptEula != -1) abort();  // not honoured without the build switch
     return 0;

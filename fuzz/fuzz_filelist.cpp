@@ -23,6 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if ((rc != 0 && rc != -1) || access(listPath.c_str(), F_OK) == 0) abort();  // checked lists are renamed
     // The renamed lists carry the time of the check; drop them so that they do not pile up.
     for (const auto& entry : std::filesystem::directory_iterator(gState.installDir))
-        if (entry.path().filename().string().rfind("distribfilelist.", 0) == 0) std::filesystem::remove(entry);
+        if (entry.path().filename().string().rfind("distribfilelist.", 0) == 0)
+            std::filesystem::remove(entry);
     return 0;
 }

@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (uint32_t slot = 0; slot < 10; slot++) setMessageArg(slot, "");
     setMessageOverride(1, "");
     for (int n = in.ConsumeIntegralInRange(0, 4); n > 0; n--) {
-        uint32_t slot = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint32_t>(0, 10) : in.ConsumeIntegral<uint32_t>();
+        uint32_t slot =
+            in.ConsumeBool() ? in.ConsumeIntegralInRange<uint32_t>(0, 10) : in.ConsumeIntegral<uint32_t>();
         setMessageArg(slot, in.ConsumeRandomLengthString(600).c_str());
     }
     if (in.ConsumeBool()) {

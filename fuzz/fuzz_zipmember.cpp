@@ -34,7 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (whence < 0) {
             char buffer[512];
             uint32_t count = static_cast<uint32_t>(amount) % (sizeof buffer + 1);
-            int64_t expected = position >= 0 && position < length ? std::min<int64_t>(count, length - position) : 0;
+            int64_t expected =
+                position >= 0 && position < length ? std::min<int64_t>(count, length - position) : 0;
             int32_t got = fileRead(handle, buffer, count);
             if (got != expected || (got > 0 && memcmp(buffer, whole + position, got) != 0)) abort();
             position += got;

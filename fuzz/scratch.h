@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <string>
 
-inline int removeScratchEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+inline int removeScratchEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return remove(path);
+}
 
 // Made on first use under $TMPDIR, else in memory (/dev/shm) where there is one, else /tmp;
 // removed with everything in it at exit. Ends in "/".

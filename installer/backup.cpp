@@ -29,8 +29,9 @@ void makeBackupDirectory(const char* dir) {
 // Asks whether and where to back up. 0 with dir set, or 1 when no backup is wanted or input ended.
 int32_t askBackupDirectory(char* dir) {
     int32_t wanted = 1;
-    if (askYesNo("Some old global configuration files have been found.\nDo you want a backup of these files [Y]? ",
-                 &wanted, 1) != 0 ||
+    if (askYesNo(
+            "Some old global configuration files have been found.\nDo you want a backup of these files [Y]? ",
+            &wanted, 1) != 0 ||
         wanted == 0) {
         return 1;
     }
@@ -38,7 +39,7 @@ int32_t askBackupDirectory(char* dir) {
         formatPath(dir, "%sold", gState.installDir);
         // Input that has ended leaves the default standing.
         promptDirectory("Directory for old configuration files [%s]: ", dir);
-        stripTrailingSlash(dir);   // the "/" that the question added
+        stripTrailingSlash(dir);  // the "/" that the question added
         if (!pathExists(dir)) {
             makeBackupDirectory(dir);
             return 0;
@@ -60,7 +61,8 @@ int32_t copyGroup(const char* fromDir, const char* const* names, size_t count, c
         status = pathExists(source) ? 0 : 1;
         if (status != 0) continue;
         char command[kCommandSize];
-        if (formatShellCommand(command, sizeof(command), "cp \"%s\" \"%s/%s\"", source, backupDir, names[i]) != 0) {
+        if (formatShellCommand(command, sizeof(command), "cp \"%s\" \"%s/%s\"", source, backupDir,
+                               names[i]) != 0) {
             status = 1;
             continue;
         }
@@ -99,5 +101,6 @@ int32_t backUpOldConfiguration() {
         return 1;
     }
     copyGroup(gState.binDir, kBinFiles, sizeof(kBinFiles) / sizeof(kBinFiles[0]), backupDir);
-    return copyGroup(gState.installDir, kInstallFiles, sizeof(kInstallFiles) / sizeof(kInstallFiles[0]), backupDir);
+    return copyGroup(gState.installDir, kInstallFiles, sizeof(kInstallFiles) / sizeof(kInstallFiles[0]),
+                     backupDir);
 }

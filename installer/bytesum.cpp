@@ -33,7 +33,8 @@ uint32_t sse2Sum(const unsigned char* data, size_t count) {
         sumB = _mm_add_epi64(sumB, _mm_add_epi64(_mm_sad_epu8(c, zero), _mm_sad_epu8(d, zero)));
     }
     for (; i + 16 <= count; i += 16)
-        sumA = _mm_add_epi64(sumA, _mm_sad_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i)), zero));
+        sumA = _mm_add_epi64(sumA,
+                             _mm_sad_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i)), zero));
     sumA = _mm_add_epi64(sumA, sumB);
     uint64_t lanes[2];
     _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), sumA);
@@ -53,7 +54,8 @@ __attribute__((target("avx2"))) uint32_t avx2Sum(const unsigned char* data, size
         sumB = _mm256_add_epi64(sumB, _mm256_add_epi64(_mm256_sad_epu8(c, zero), _mm256_sad_epu8(d, zero)));
     }
     for (; i + 32 <= count; i += 32)
-        sumA = _mm256_add_epi64(sumA, _mm256_sad_epu8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + i)), zero));
+        sumA = _mm256_add_epi64(
+            sumA, _mm256_sad_epu8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + i)), zero));
     sumA = _mm256_add_epi64(sumA, sumB);
     uint64_t lanes[4];
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(lanes), sumA);

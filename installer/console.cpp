@@ -75,7 +75,7 @@ int32_t printWrapped(const char* text) {
 
     size_t lineStart = 0;
     size_t searchFrom = 0;
-    long lastFit = -1;   // last break character within the column limit of this line
+    long lastFit = -1;  // last break character within the column limit of this line
     for (;;) {
         char* found = strpbrk(buf + searchFrom, kBreakCharacters);
         if (found == nullptr) break;
@@ -112,7 +112,7 @@ int32_t printWrapped(const char* text) {
             lineStart = breakAt + 1;
         } else {
             size_t length = strlen(buf);
-            if (length >= kMessageSize - 1) break;   // no room for another line feed
+            if (length >= kMessageSize - 1) break;  // no room for another line feed
             memmove(buf + breakAt + 2, buf + breakAt + 1, length - breakAt);
             buf[breakAt + 1] = '\n';
             removeBlanksAt(buf, breakAt + 2);

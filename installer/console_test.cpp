@@ -7,7 +7,9 @@
 #include <cstring>
 #include <string>
 
-static std::string s(size_t n, char c) { return std::string(n, c); }
+static std::string s(size_t n, char c) {
+    return std::string(n, c);
+}
 
 TEST(Console, WrapProgressAndFields) {
     // 144 chunks of 71 characters fill 10224 of the 10239 places: 15 line feeds still fit
@@ -15,30 +17,37 @@ TEST(Console, WrapProgressAndFields) {
     std::string chunks, full;
     for (int i = 0; i < 144; i++) chunks += s(70, 'x') + ",", full += s(70, 'x') + (i < 15 ? ",\n" : ",");
     const std::pair<std::string, std::string> rows[] = {
-        {"Short text, nothing to do.", "Short text, nothing to do."}, {"", ""},
+        {"Short text, nothing to do.", "Short text, nothing to do."},
+        {"", ""},
         {s(50, 'a') + " " + s(20, 'b') + " end", s(50, 'a') + "\n" + s(20, 'b') + " end"},
         {s(55, 'a') + "," + s(20, 'b') + " c", s(55, 'a') + ",\n" + s(20, 'b') + " c"},  // the mark stays
-        {s(60, 'a') + ".   next", s(60, 'a') + ".\nnext"}, {s(65, 'a') + "    b", s(65, 'a') + "\nb"},  // blanks go
+        {s(60, 'a') + ".   next", s(60, 'a') + ".\nnext"},
+        {s(65, 'a') + "    b", s(65, 'a') + "\nb"},                                    // blanks go
         {"hello world\n" + s(55, 'a') + " bb", "hello world\n" + s(55, 'a') + " bb"},  // counted from "\n"
         {s(50, 'a') + " " + s(20, 'b') + "\nccc", s(50, 'a') + "\n" + s(20, 'b') + "\nccc"},
-        {s(200, 'w'), s(200, 'w')}, {"go " + s(200, 'w') + " end", "go\n" + s(200, 'w') + "\nend"},  // words stay whole
-        {s(70, 'a') + ".", s(70, 'a') + "."},  // no break behind the last character
+        {s(200, 'w'), s(200, 'w')},
+        {"go " + s(200, 'w') + " end", "go\n" + s(200, 'w') + "\nend"},  // words stay whole
+        {s(70, 'a') + ".", s(70, 'a') + "."},                            // no break behind the last character
         {s(50, 'a') + " " + s(15, 'b') + ".", s(50, 'a') + "\n" + s(15, 'b') + "."},
-        {chunks, full}, {s(12000, 'y'), s(10239, 'y')},
+        {chunks, full},
+        {s(12000, 'y'), s(10239, 'y')},
     };
     for (const auto& row : rows) {
         testing::internal::CaptureStdout();
         int32_t count = printWrapped(row.first.c_str());
         std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_TRUE(out == "\n***\n" + row.second + "\n***\n" && count == int32_t(out.size())) << row.first.substr(0, 80);
+        EXPECT_TRUE(out == "\n***\n" + row.second + "\n***\n" && count == int32_t(out.size()))
+            << row.first.substr(0, 80);
     }
     testing::internal::CaptureStdout();
     printProgress("%s", s(100, 'p').c_str());
     printProgress("%d%% done", 50);
     printBoxed("%s", fieldOf("left|right", 2, '|'));  // the field's text can be handed on
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), s(72, 'p') + "\r50% done" + s(64, ' ') + "\r\n***\nright\n***\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              s(72, 'p') + "\r50% done" + s(64, ' ') + "\r\n***\nright\n***\n");
     EXPECT_TRUE(!strcmp(fieldOf("a:b:c", 1, ':'), "a") && !strcmp(fieldOf("a:b:c", 3, ':'), "c"));
     EXPECT_TRUE(fieldOf("a:b:c", 4, ':') == nullptr && fieldOf("a:b:c", 0, ':') == nullptr);
-    EXPECT_TRUE(!strcmp(fieldOf("a::c", 2, ':'), "") && !strcmp(fieldOf("Linux 2.4.20-8", 2, ' '), "2.4.20-8"));
+    EXPECT_TRUE(!strcmp(fieldOf("a::c", 2, ':'), "") &&
+                !strcmp(fieldOf("Linux 2.4.20-8", 2, ' '), "2.4.20-8"));
     EXPECT_EQ(strlen(fieldOf(s(800, 'f').c_str(), 1, ':')), 511u);
 }

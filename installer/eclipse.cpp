@@ -22,7 +22,6 @@ namespace {
 
 enum { kCommandSize = 8 * kPathSize };
 
-
 // Plug-in directories below "eclipse/" as unpacked; each gets the version behind its name.
 const char* const kPluginDirs[] = {
     "features/com.corvane.plugin",
@@ -147,9 +146,9 @@ int32_t layOutEclipsePlugin() {
         char unpacked[kPathSize];
         char versioned[kPathSize];
         if (formatPath(unpacked, "%seclipse/%s", gState.installDir, name) != 0 ||
-            formatPath(versioned, "%seclipse/%s_%d.%d.%d", gState.installDir, name, kPluginMajor, kPluginMinor,
-                       kPluginMicro) != 0) {
-            continue;   // a path that does not fit the buffers cannot be moved by name
+            formatPath(versioned, "%seclipse/%s_%d.%d.%d", gState.installDir, name, kPluginMajor,
+                       kPluginMinor, kPluginMicro) != 0) {
+            continue;  // a path that does not fit the buffers cannot be moved by name
         }
         if (formatShellCommand(command, sizeof(command), "mv \"%s\" \"%s\"", unpacked, versioned) == 0)
             runShell(command);
@@ -169,7 +168,8 @@ int32_t layOutEclipsePlugin() {
     }
     if (writeLinkFile(links) != 0) return 1;
 
-    if (formatShellCommand(command, sizeof(command), "rm -fr %seclipse", gState.installDir) == 0) runShell(command);
+    if (formatShellCommand(command, sizeof(command), "rm -fr %seclipse", gState.installDir) == 0)
+        runShell(command);
     return 0;
 }
 
@@ -199,7 +199,7 @@ int32_t writeEclipseLaunchScript() {
         if (askYesNo("Overwrite [N]? ", &overwrite, 0) != 0 || overwrite == 0) return 0;
         if (access(script, R_OK | W_OK) != 0) {
             printMessage("Insufficient access to overwrite %s. Read/Write access is required.\n", script);
-            tryAgain();   // asked, but the script is left alone either way
+            tryAgain();  // asked, but the script is left alone either way
             return 0;
         }
     }
@@ -210,8 +210,8 @@ int32_t writeEclipseLaunchScript() {
     // Paths that need quoting get it, so the script also works from a directory with blanks.
     char launch[kCommandSize];
     FILE* out = nullptr;
-    if (formatShellCommand(launch, sizeof(launch), "LD_LIBRARY_PATH=%s:%s:$LD_LIBRARY_PATH %seclipse $*", binDir,
-                           gState.eclipseLocation, gState.eclipseLocation) != 0 ||
+    if (formatShellCommand(launch, sizeof(launch), "LD_LIBRARY_PATH=%s:%s:$LD_LIBRARY_PATH %seclipse $*",
+                           binDir, gState.eclipseLocation, gState.eclipseLocation) != 0 ||
         (out = fopen(script, "w")) == nullptr) {
         printMessage("Error creating %s.\n", script);
         return 0;

@@ -2,7 +2,7 @@
 #pragma once
 #include <cstdint>
 
-void appendSlash(char* path);        // path buffer of 512 bytes
+void appendSlash(char* path);  // path buffer of 512 bytes
 void stripTrailingSlash(char* path);
 void cutToParentDir(char* path);
 int32_t pathExists(const char* path);

@@ -14,8 +14,12 @@ int32_t readWholeFile(const char* path, char** text, int32_t* length) {
     return status;
 }
 
-static bool isLineEnd(char c) { return c == '\n' || c == '\r'; }
-static bool isBlank(char c) { return c == ' ' || c == '\t'; }
+static bool isLineEnd(char c) {
+    return c == '\n' || c == '\r';
+}
+static bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
 static int32_t skipLineEnds(const char* text, int32_t pos) {
     while (isLineEnd(text[pos])) pos++;
@@ -35,8 +39,7 @@ static int32_t skipToLineEnd(const char* text, int32_t pos) {
 
 static bool sameIgnoringCase(const char* a, const char* b) {
     for (; *a != '\0' && *b != '\0'; ++a, ++b) {
-        if (tolower(static_cast<unsigned char>(*a)) != tolower(static_cast<unsigned char>(*b)))
-            return false;
+        if (tolower(static_cast<unsigned char>(*a)) != tolower(static_cast<unsigned char>(*b))) return false;
     }
     return *a == *b;
 }

@@ -72,7 +72,7 @@ int32_t pluginDefault(char* out) {
 int32_t readAnswer(const char* defaultDir, char* answer, int32_t preset) {
     if (preset) {
         if (formatPath(answer, "%s%s", gState.answers.destinationDir,
-                        endsInSlash(gState.answers.destinationDir) ? "" : "/") != 0) {
+                       endsInSlash(gState.answers.destinationDir) ? "" : "/") != 0) {
             // Reported with the other over-long answers by the caller.
             strCopyBounded(answer, gState.answers.destinationDir, kPathSize);
         }
@@ -135,7 +135,8 @@ int32_t checkAccessBeforeCreation(const char* dir) {
         char parent[kPathSize];
         parentOf(dir, parent);
         if (!hasFullAccess(parent)) {
-            printMessage("Insufficient access to create %s. Read/Write access is required for %s.", dir, parent);
+            printMessage("Insufficient access to create %s. Read/Write access is required for %s.", dir,
+                         parent);
             return 1;
         }
         return 0;

@@ -19,8 +19,8 @@ enum { kCommandSize = 4 * kDistribDirSize + 16 };
 
 int32_t createLinks() {
     const char* const linkPath = "bin/cvt";
-    const char* const target = "cvtw";   // relative: resolves beside the link in bin
-    unlink(linkPath);                    // an older link or file of that name goes
+    const char* const target = "cvtw";  // relative: resolves beside the link in bin
+    unlink(linkPath);                   // an older link or file of that name goes
     printVerbose("Linking %s to %s\n", linkPath, target);
     if (symlink(target, linkPath) != 0) {
         printMessage("Cannot create symbolic link %s to %s.", linkPath, target);

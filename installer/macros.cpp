@@ -127,8 +127,8 @@ int32_t compileAllMacros() {
         if (dot == nullptr || strcmp(dot, ".e") != 0) continue;
         printProgress("   Compiling %s", name);
         char command[kCommandSize];
-        if (formatShellCommand(command, sizeof(command), "\"%scvtw\" \"%s%s\" >/dev/null 2>/dev/null", gState.binDir,
-                               gState.macrosDir, name) != 0) {
+        if (formatShellCommand(command, sizeof(command), "\"%scvtw\" \"%s%s\" >/dev/null 2>/dev/null",
+                               gState.binDir, gState.macrosDir, name) != 0) {
             continue;
         }
         printVerbose("Compiling one macro: command=%s\n", command);
@@ -145,6 +145,7 @@ int32_t compileMacros() {
     strAppendBounded(listPath, "cmacros.lst", kPathSize);
     printVerbose("Checking macro list: macroListFile=%s\n", listPath);
     struct stat info;
-    if (stat(listPath, &info) == 0 && compileMacroList(listPath, static_cast<int32_t>(info.st_size)) == 0) return 0;
+    if (stat(listPath, &info) == 0 && compileMacroList(listPath, static_cast<int32_t>(info.st_size)) == 0)
+        return 0;
     return compileAllMacros();
 }

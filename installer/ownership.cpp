@@ -26,7 +26,8 @@ int32_t updateOwnership() {
     printVerbose("Updating macros user ownership: command=%s\n", command);
     runShell(command);
 
-    formatShellCommand(command, sizeof(command), "chgrp -R %d \"%s\"", static_cast<int>(getgid()), gState.installDir);
+    formatShellCommand(command, sizeof(command), "chgrp -R %d \"%s\"", static_cast<int>(getgid()),
+                       gState.installDir);
     printVerbose("Updating macros group ownership: command=%s\n", command);
     return runShell(command);
 }

@@ -20,7 +20,7 @@ enum { kCaptureSize = 512 };
 enum { kReleaseQueryFailed = 9999 };
 
 const char* const kOsDisplayNames[] = {
-    "unknown", "Linux", "OS/390", "AIX", "HP-UX", "SunOS",
+    "unknown", "Linux",         "OS/390",         "AIX",  "HP-UX",        "SunOS",
     "Solaris", "Intel Solaris", "SCO OpenServer", "IRIX", "Digital Unix",
 };
 
@@ -30,9 +30,15 @@ struct OverrideKey {
 };
 
 const OverrideKey kOverrideKeys[] = {
-    {"linux", kOsLinux}, {"os390", kOsOs390},   {"aix", kOsAix},
-    {"hpux", kOsHpux},   {"sunos", kOsSunos},   {"solaris", kOsSolaris},
-    {"isolaris", kOsIntelSolaris}, {"sco", kOsSco}, {"irix", kOsIrix},
+    {"linux", kOsLinux},
+    {"os390", kOsOs390},
+    {"aix", kOsAix},
+    {"hpux", kOsHpux},
+    {"sunos", kOsSunos},
+    {"solaris", kOsSolaris},
+    {"isolaris", kOsIntelSolaris},
+    {"sco", kOsSco},
+    {"irix", kOsIrix},
     {"osf1", kOsDigitalUnix},
 };
 

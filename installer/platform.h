@@ -3,8 +3,17 @@
 #include <cstdint>
 
 enum OsType {
-    kOsUnknown = 0, kOsLinux = 1, kOsOs390 = 2, kOsAix = 3, kOsHpux = 4, kOsSunos = 5,
-    kOsSolaris = 6, kOsIntelSolaris = 7, kOsSco = 8, kOsIrix = 9, kOsDigitalUnix = 10
+    kOsUnknown = 0,
+    kOsLinux = 1,
+    kOsOs390 = 2,
+    kOsAix = 3,
+    kOsHpux = 4,
+    kOsSunos = 5,
+    kOsSolaris = 6,
+    kOsIntelSolaris = 7,
+    kOsSco = 8,
+    kOsIrix = 9,
+    kOsDigitalUnix = 10
 };
 
 int32_t detectPlatform();

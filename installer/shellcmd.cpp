@@ -102,7 +102,7 @@ int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_
     if (out == nullptr || size <= 0 || start >= size) return 1;
     CommandText text = {out, size, start, false};
 
-    char spanQuote = '\0';   // quote character of the span of the format we are in, if any
+    char spanQuote = '\0';  // quote character of the span of the format we are in, if any
     int32_t spanStart = 0;
     const char* f = format;
     while (*f != '\0' && !text.overflow) {
@@ -114,7 +114,7 @@ int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_
             const char* arg = va_arg(args, const char*);
             if (arg == nullptr) arg = "";
             if (spanQuote != '\0') {
-                putText(&text, arg);   // checked as part of the whole span when it closes
+                putText(&text, arg);  // checked as part of the whole span when it closes
             } else if (allOrdinary(arg)) {
                 putText(&text, arg);
             } else {
@@ -171,7 +171,8 @@ int32_t appendShellCommand(char* out, int32_t size, const char* format, ...) {
     if (out == nullptr || size <= 0) return 1;
     va_list args;
     va_start(args, format);
-    int32_t result = formatAt(out, size, static_cast<int32_t>(strnlen(out, static_cast<size_t>(size))), format, args);
+    int32_t result =
+        formatAt(out, size, static_cast<int32_t>(strnlen(out, static_cast<size_t>(size))), format, args);
     va_end(args);
     return result;
 }

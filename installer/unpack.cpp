@@ -25,9 +25,10 @@ enum { kBlockSize = 10240, kCommandSize = 512, kBytesPerDot = 1000000 };
 
 int32_t extractArchive(const char* archivePath, const char* members, const char* listFile) {
     char command[kCommandSize];
-    int32_t tooLong = listFile != nullptr
-                          ? formatShellCommand(command, sizeof(command), "tar tf - %s >%s 2>/dev/null", members, listFile)
-                          : formatShellCommand(command, sizeof(command), "tar xf - %s >/dev/null 2>/dev/null", members);
+    int32_t tooLong =
+        listFile != nullptr
+            ? formatShellCommand(command, sizeof(command), "tar tf - %s >%s 2>/dev/null", members, listFile)
+            : formatShellCommand(command, sizeof(command), "tar xf - %s >/dev/null 2>/dev/null", members);
     if (tooLong != 0) {
         printMessage("Unpack command for %s is too long.", archivePath);
         return 1;

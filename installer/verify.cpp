@@ -126,7 +126,8 @@ uint32_t fileChecksum(const char* path, int32_t size) {
         printMessage("Cannot open file %s", path);
         return 0xFFFFFFFFu;
     }
-    ssize_t count = gChecksumCapacity > 0 ? read(fd, gChecksumBuffer, static_cast<size_t>(gChecksumCapacity)) : 0;
+    ssize_t count =
+        gChecksumCapacity > 0 ? read(fd, gChecksumBuffer, static_cast<size_t>(gChecksumCapacity)) : 0;
     close(fd);
     if (count != size) {
         printMessage("Cannot read %s. Expected %d but only got %d.", path, size, static_cast<int>(count));

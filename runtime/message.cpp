@@ -32,12 +32,13 @@ char* gResult = nullptr;
 int32_t gResultLength = 0;
 char gError[100];
 
-int32_t tableCount() { return gTableBytes / int32_t(sizeof(char*)); }
+int32_t tableCount() {
+    return gTableBytes / int32_t(sizeof(char*));
+}
 
 int32_t readInt(const char* at) {
     const unsigned char* b = reinterpret_cast<const unsigned char*>(at);
-    return int32_t(uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 |
-                   uint32_t(b[3]) << 24);
+    return int32_t(uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24);
 }
 
 const char* errorText(const char* format) {
@@ -74,8 +75,7 @@ const char* loadFile() {
         return errorText("Unable to open message file '%s' not found");
     }
     gLoadPending = false;
-    if (length < 4 || uint32_t(readInt(gFile)) != kMagic)
-        return errorText("Message file '%s' not valid");
+    if (length < 4 || uint32_t(readInt(gFile)) != kMagic) return errorText("Message file '%s' not valid");
     if (length < 8) return nullptr;
     int64_t textBase = readInt(gFile + 4);
     // Entries that do not lie wholly inside the file, or whose text would start outside it,
@@ -161,7 +161,9 @@ void setMessageOverride(int32_t code, const char* text) {
     strCopyBounded(gOverrideText, text ? text : "", kTextSize);
 }
 
-void reloadMessageFile() { gLoadPending = true; }
+void reloadMessageFile() {
+    gLoadPending = true;
+}
 
 int32_t getProgramDirectory(char* out, const char* argv0) {
     char found[kTextSize];
@@ -170,7 +172,9 @@ int32_t getProgramDirectory(char* out, const char* argv0) {
         program = found;
     if (pathResolve(out, program, 0) != 0) strCopyBounded(out, program, kTextSize);
     char* slash = std::strrchr(out, '/');
-    if (slash) slash[1] = 0;
-    else out[0] = 0;
+    if (slash)
+        slash[1] = 0;
+    else
+        out[0] = 0;
     return int32_t(std::strlen(out));
 }

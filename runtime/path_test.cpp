@@ -45,9 +45,13 @@ protected:
         ASSERT_TRUE(mkdtemp(name) && realpath(name, real));
         tmp_ = real;
         start_ = physicalCwd();
-        const std::string make = "cd " + tmp_ + " && mkdir real sub a b empty full d1 d2 d2/tool d3 d4"
+        const std::string make =
+            "cd " + tmp_ +
+            " && mkdir real sub a b empty full d1 d2 d2/tool d3 d4"
             " && touch t b/file full/f target d1/tool d3/tool d4/c d4/cc d4/tool"
-            " && chmod 700 d3/tool && chmod 755 d4/c d4/cc d4/tool && ln -s " + tmp_ + "/real link"
+            " && chmod 700 d3/tool && chmod 755 d4/c d4/cc d4/tool && ln -s " +
+            tmp_ +
+            "/real link"
             " && ln -s sub sublink && ln -s ../b/file a/link && ln -s real dirlink && ln -s loop2 loop1"
             " && ln -s loop1 loop2 && for n in 7 8; do t=target;"
             " for i in $(seq $n -1 1); do ln -s $t chain${n}_$i; t=chain${n}_$i; done; done";
@@ -87,7 +91,8 @@ TEST_F(PathTest, CurrentDirectoryExistenceAndRemoval) {
     EXPECT_TRUE(changeDirectory(at("short").c_str()) == 0 && current(1) == at("short"));
     ASSERT_EQ(chdir(tmp_.c_str()), 0);
 
-    EXPECT_TRUE(entryExists("/") == 1 && entryExists("t/") == 1 && entryExists(at("full/f/below").c_str()) == 0);
+    EXPECT_TRUE(entryExists("/") == 1 && entryExists("t/") == 1 &&
+                entryExists(at("full/f/below").c_str()) == 0);
     EXPECT_TRUE(removeDirectory(at("empty/").c_str()) == 0 && entryExists(at("empty").c_str()) == 0);
     // ENOTEMPTY has no code of its own.
     EXPECT_TRUE(removeDirectory(at("full").c_str()) == -3 && removeDirectory(at("full/f").c_str()) == -3);
@@ -97,17 +102,31 @@ TEST_F(PathTest, CurrentDirectoryExistenceAndRemoval) {
 TEST_F(PathTest, AbsolutePathsAndLinkResolution) {
     ASSERT_EQ(changeDirectory(at("sublink").c_str()), 0);  // logically through a link
     // noFollow -1 stands for pathAbsolute; "@" is the temporary directory.
-    const struct { const char* in; int noFollow; const char* out; } rows[] = {
-        {"name", -1, "@/sub/name"}, {"../dirlink/x.txt", -1, "@/real/x.txt"}, {"\"../sub/q\"", -1, "@/sub/q"},
-        {"nodir/y", -1, "@/sub/nodir/y"}, {"/no/such/dir/z", -1, "/no/such/dir/z"}, {"a/./b/../c", 1, "@/sublink/a/c"},
-        {"/xy/../../yz//z/", 1, "/yz/z/"}, {"/..", 1, "/"}, {"../dirlink/x", 1, "@/dirlink/x"},
-        {"../a/link", 1, "@/a/link"}, {"../a/link", 0, "@/b/file"}, {"@/chain7_1", 0, "@/target"},
-        {"@/chain8_1", 0, "@/chain8_1"},      {"@/loop1", 0, "@/loop1"},  // 8 links or more: unresolved
+    const struct {
+        const char* in;
+        int noFollow;
+        const char* out;
+    } rows[] = {
+        {"name", -1, "@/sub/name"},
+        {"../dirlink/x.txt", -1, "@/real/x.txt"},
+        {"\"../sub/q\"", -1, "@/sub/q"},
+        {"nodir/y", -1, "@/sub/nodir/y"},
+        {"/no/such/dir/z", -1, "/no/such/dir/z"},
+        {"a/./b/../c", 1, "@/sublink/a/c"},
+        {"/xy/../../yz//z/", 1, "/yz/z/"},
+        {"/..", 1, "/"},
+        {"../dirlink/x", 1, "@/dirlink/x"},
+        {"../a/link", 1, "@/a/link"},
+        {"../a/link", 0, "@/b/file"},
+        {"@/chain7_1", 0, "@/target"},
+        {"@/chain8_1", 0, "@/chain8_1"},
+        {"@/loop1", 0, "@/loop1"},  // 8 links or more: unresolved
     };
     for (const auto& r : rows) {
         char out[512];
         std::string in = expand(r.in);
-        int32_t rc = r.noFollow < 0 ? pathAbsolute(out, in.c_str()) : pathResolve(out, in.c_str(), r.noFollow);
+        int32_t rc =
+            r.noFollow < 0 ? pathAbsolute(out, in.c_str()) : pathResolve(out, in.c_str(), r.noFollow);
         EXPECT_TRUE(rc == 0 && std::string(out) == expand(r.out)) << r.in << " " << r.noFollow << ": " << out;
     }
     // The excursions into other directories leave no trace.
@@ -120,16 +139,26 @@ TEST_F(PathTest, SearchAlongAList) {
     ASSERT_EQ(setenv("CVRT_PATHTEST_LIST", expand("@/d2:@/d4").c_str(), 1), 0);
     const int32_t kList = 0x80;  // listName is the list itself
     char out[512];
-    const struct { const char *name, *list; int32_t flags; const char *cwd, *found; } rows[] = {
+    const struct {
+        const char *name, *list;
+        int32_t flags;
+        const char *cwd, *found;
+    } rows[] = {
         // A blank after ":" is skipped; no execute bit and a directory do not count; an empty element
         // is the current directory; a name with "/" is only tested itself, as is any name when the
         // variable is unset.
-        {"tool", "@/d1: @/d3/", kList, "", "@/d3/tool"},   {"tool", "@/d1:@/d2", kList, "", nullptr},
-        {"tool", "@/d1::@/d2", kList, "d3", "tool"},       {"tool", "@/d1:", kList, "d3", "tool"},
-        {"d3/tool", "@/d1", kList, "", "d3/tool"},         {"@/d3/tool", "@/d1", kList, "d1", "@/d3/tool"},
-        {"d3/tool", "@", kList, "d1", nullptr},            {"tool", "CVRT_PATHTEST_LIST", 0, "", "@/d4/tool"},
-        {"tool", nullptr, 0, "", "@/d3/tool"},             {"cvrt-no-such-tool", nullptr, 0, "", nullptr},
-        {"tool", "CVRT_PATHTEST_UNSET", 0, "d3", "tool"},  {"tool", "CVRT_PATHTEST_UNSET", 0, "d1", nullptr},
+        {"tool", "@/d1: @/d3/", kList, "", "@/d3/tool"},
+        {"tool", "@/d1:@/d2", kList, "", nullptr},
+        {"tool", "@/d1::@/d2", kList, "d3", "tool"},
+        {"tool", "@/d1:", kList, "d3", "tool"},
+        {"d3/tool", "@/d1", kList, "", "d3/tool"},
+        {"@/d3/tool", "@/d1", kList, "d1", "@/d3/tool"},
+        {"d3/tool", "@", kList, "d1", nullptr},
+        {"tool", "CVRT_PATHTEST_LIST", 0, "", "@/d4/tool"},
+        {"tool", nullptr, 0, "", "@/d3/tool"},
+        {"cvrt-no-such-tool", nullptr, 0, "", nullptr},
+        {"tool", "CVRT_PATHTEST_UNSET", 0, "d3", "tool"},
+        {"tool", "CVRT_PATHTEST_UNSET", 0, "d1", nullptr},
     };
     for (const auto& r : rows) {
         EXPECT_EQ(changeDirectory(at(r.cwd).c_str()), 0);

@@ -25,7 +25,9 @@ inline uint32_t readWord(const void* at) {
     return v;
 }
 
-inline void writeWord(void* at, uint32_t v) { std::memcpy(at, &v, 4); }
+inline void writeWord(void* at, uint32_t v) {
+    std::memcpy(at, &v, 4);
+}
 
 }  // namespace
 
@@ -113,9 +115,13 @@ struct ChunkView {
     void setPrevOffset(uint32_t prev) { setOffsets(offset(), prev); }
 };
 
-inline ChunkView chunkOf(void* p) { return ChunkView{static_cast<unsigned char*>(p) - 8}; }
+inline ChunkView chunkOf(void* p) {
+    return ChunkView{static_cast<unsigned char*>(p) - 8};
+}
 
-inline uint32_t roundUp8(uint32_t n) { return (n + 7) & ~7u; }
+inline uint32_t roundUp8(uint32_t n) {
+    return (n + 7) & ~7u;
+}
 
 }  // namespace
 
@@ -124,7 +130,7 @@ namespace {
 struct PoolState {
     unsigned char** blocks = nullptr;  // side table: block number - 1 -> address (null = unused)
     uint32_t blockSlots = 0;
-    uint32_t firstBlock = 0;  // head of the block list (block number), newest first
+    uint32_t firstBlock = 0;        // head of the block list (block number), newest first
     uint32_t* freeLists = nullptr;  // heads (chunk references), one per size class plus one
     uint32_t listCount = 0;
 };
@@ -136,9 +142,7 @@ struct Pool {
 
     unsigned char* block(uint32_t number) const { return impl->blocks[number - 1]; }
 
-    uint32_t listFor(uint32_t size) const {
-        return size <= maxPooled ? (size - 1) / 8 : impl->listCount - 1;
-    }
+    uint32_t listFor(uint32_t size) const { return size <= maxPooled ? (size - 1) / 8 : impl->listCount - 1; }
 
     // Block number of a chunk's big block, found through the block's links.
     uint32_t blockNumber(unsigned char* blockStart) const {
@@ -152,9 +156,7 @@ struct Pool {
         return blockNumber(start) << 13 | c.offset() >> 3;
     }
 
-    ChunkView chunkAt(uint32_t ref) const {
-        return ChunkView{block(ref >> 13) + ((ref & 0x1FFF) << 3)};
-    }
+    ChunkView chunkAt(uint32_t ref) const { return ChunkView{block(ref >> 13) + ((ref & 0x1FFF) << 3)}; }
 
     unsigned char* blockStart(ChunkView c) const { return c.header - c.offset(); }
 
@@ -175,8 +177,10 @@ struct Pool {
     void unlinkFree(ChunkView c) {
         uint32_t prev = readWord(c.data());
         uint32_t next = readWord(c.data() + 4);
-        if (prev) writeWord(chunkAt(prev).data() + 4, next);
-        else impl->freeLists[listFor(c.size())] = next;
+        if (prev)
+            writeWord(chunkAt(prev).data() + 4, next);
+        else
+            impl->freeLists[listFor(c.size())] = next;
         if (next) writeWord(chunkAt(next).data(), prev);
         c.setHeader(c.size(), kPooled);
     }
@@ -234,8 +238,10 @@ POMAllocator::~POMAllocator() {
     if (!impl_) return;
     for (uint32_t i = 0; i < impl_->blockSlots; i++) {
         if (!impl_->blocks[i]) continue;
-        if (releaseHook_) releaseHook_(impl_->blocks[i]);
-        else std::free(impl_->blocks[i]);
+        if (releaseHook_)
+            releaseHook_(impl_->blocks[i]);
+        else
+            std::free(impl_->blocks[i]);
     }
     std::free(impl_->blocks);
     std::free(impl_->freeLists);
@@ -263,8 +269,10 @@ void* POMAllocator::allocate(uint32_t n) {
         uint32_t own = (n - 1) / 8;
         uint32_t last = impl_->listCount - 1;
         uint32_t found = last + 1;
-        if (impl_->freeLists[own]) found = own;
-        else if (impl_->freeLists[last]) found = last;
+        if (impl_->freeLists[own])
+            found = own;
+        else if (impl_->freeLists[last])
+            found = last;
         else {
             for (uint32_t i = own + 1; i < last; i++) {
                 if (impl_->freeLists[i]) {
@@ -300,8 +308,8 @@ void* POMAllocator::allocate(uint32_t n) {
         for (uint32_t i = impl_->blockSlots; i < grown; i++) impl_->blocks[i] = nullptr;
         impl_->blockSlots = grown;
     }
-    unsigned char* start = static_cast<unsigned char*>(allocHook_ ? allocHook_(blockSize_)
-                                                                   : std::malloc(blockSize_));
+    unsigned char* start =
+        static_cast<unsigned char*>(allocHook_ ? allocHook_(blockSize_) : std::malloc(blockSize_));
     if (!start) {
         if (impl_->firstBlock == 0) {
             std::free(impl_->freeLists);
@@ -338,8 +346,10 @@ int32_t POMAllocator::release(void* p) {
     ChunkView c = chunkOf(p);
     if (!(c.flags() & kPooled)) {
         if (c.flags() & kFree) return kBadPoolPointer;
-        if (releaseHook_) releaseHook_(c.header);
-        else std::free(c.header);
+        if (releaseHook_)
+            releaseHook_(c.header);
+        else
+            std::free(c.header);
         return 0;
     }
     if ((c.flags() & kFree) || !impl_ || !impl_->freeLists) return kBadPoolPointer;
@@ -361,12 +371,16 @@ int32_t POMAllocator::release(void* p) {
         uint32_t number = pool.blockNumber(start);
         uint32_t prev = readWord(start);
         uint32_t next = readWord(start + 4);
-        if (prev) writeWord(pool.block(prev) + 4, next);
-        else impl_->firstBlock = next;
+        if (prev)
+            writeWord(pool.block(prev) + 4, next);
+        else
+            impl_->firstBlock = next;
         if (next) writeWord(pool.block(next), prev);
         impl_->blocks[number - 1] = nullptr;
-        if (releaseHook_) releaseHook_(start);
-        else std::free(start);
+        if (releaseHook_)
+            releaseHook_(start);
+        else
+            std::free(start);
         if (impl_->firstBlock == 0) {
             std::free(impl_->freeLists);
             impl_->freeLists = nullptr;
@@ -477,15 +491,16 @@ const uint32_t kMediumLimit = 32768;
 
 }  // namespace
 
-void libSetShuttingDown(bool on) { gShuttingDown = on; }
+void libSetShuttingDown(bool on) {
+    gShuttingDown = on;
+}
 
 void* libAlloc(int32_t n) {
     if (n < 0) return nullptr;
     uint32_t header = (uint32_t(n) + 8 + 7) & ~7u;
     if (header > kMediumLimit) {
         uint32_t size = uint32_t((uint64_t(n) + 8 + 1023) & ~uint64_t(1023));
-        unsigned char* base =
-            static_cast<unsigned char*>(std::malloc(size_t(size) - 8 + kBlockPrefix));
+        unsigned char* base = static_cast<unsigned char*>(std::malloc(size_t(size) - 8 + kBlockPrefix));
         if (!base) return nullptr;
         unsigned char* p = base + kBlockPrefix;
         writeWord(p - 8, kBlockPrefix);

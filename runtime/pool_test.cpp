@@ -17,7 +17,9 @@ uint32_t word(const void* p, int back) {
     std::memcpy(&v, static_cast<const char*>(p) - back, 4);
     return v;
 }
-bool aligned16(const void* p) { return (reinterpret_cast<uintptr_t>(p) & 15) == 0; }
+bool aligned16(const void* p) {
+    return (reinterpret_cast<uintptr_t>(p) & 15) == 0;
+}
 
 TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
     // Growth goes to max(2 * length, length + count + 8); a missing buffer gets count + 8.
@@ -25,10 +27,12 @@ TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
     EXPECT_TRUE(word(buf, 4) == 18 && memCapacity(buf) == 10 && aligned16(buf));
     int32_t len = 0;
     std::string all;
-    for (auto s : {std::make_pair("abcdef", 10), {"ghijk", 19}, {"0123456789", 29}, {"!", 29}, {"012345678", 44}}) {
+    for (auto s :
+         {std::make_pair("abcdef", 10), {"ghijk", 19}, {"0123456789", 29}, {"!", 29}, {"012345678", 44}}) {
         all += s.first;
         EXPECT_TRUE(bufAppend(&buf, &len, s.first, int32_t(std::strlen(s.first))) == 0 &&
-                    memCapacity(buf) == uint32_t(s.second) && std::string(buf, len) == all) << all;
+                    memCapacity(buf) == uint32_t(s.second) && std::string(buf, len) == all)
+            << all;
     }
     memFree(buf);
     memFree(nullptr);
@@ -37,8 +41,11 @@ TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
     EXPECT_TRUE(bufAppend(&buf, &len, nullptr, 0x7FFFFFFE) == -8 && len == 20);
     memFree(buf);
     // Library blocks: headers up to 512 (small pool), up to 32768 (medium), else n + 8 rounded to 1024.
-    const struct { int32_t n; uint32_t lowest, highest; } rows[] = {{10, 18, 512}, {504, 512, 512},
-        {505, 513, 32768}, {32760, 32768, 32768}, {32761, 33792, 33792}, {70000, 70656, 70656}};
+    const struct {
+        int32_t n;
+        uint32_t lowest, highest;
+    } rows[] = {{10, 18, 512},         {504, 512, 512},       {505, 513, 32768},
+                {32760, 32768, 32768}, {32761, 33792, 33792}, {70000, 70656, 70656}};
     for (const auto& r : rows) {
         void* b = libAlloc(r.n);
         EXPECT_TRUE(aligned16(b) && word(b, 4) >= r.lowest && word(b, 4) <= r.highest) << r.n;
@@ -58,9 +65,15 @@ TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
 
 int gAllocs, gReleases, gReallocs;
 uint32_t gLastAllocSize;
-void* countingAlloc(uint32_t size) { return gAllocs++, gLastAllocSize = size, std::malloc(size); }
-void countingRelease(void* p) { gReleases++, std::free(p); }
-void* countingRealloc(void* p, uint32_t size) { return gReallocs++, std::realloc(p, size); }
+void* countingAlloc(uint32_t size) {
+    return gAllocs++, gLastAllocSize = size, std::malloc(size);
+}
+void countingRelease(void* p) {
+    gReleases++, std::free(p);
+}
+void* countingRealloc(void* p, uint32_t size) {
+    return gReallocs++, std::realloc(p, size);
+}
 
 class PoolTest : public ::testing::Test {
 protected:
@@ -86,7 +99,8 @@ protected:
         int i = 0, blocks = -1;
         for (int size, count; std::getline(out, line);)
             if (sscanf(line.c_str(), "POMAllocator:  number of blocks allocated = %d", &blocks) == 0 &&
-                sscanf(line.c_str(), "POMAllocator:    free list[%d] total entries = %d", &size, &count) == 2 &&
+                sscanf(line.c_str(), "POMAllocator:    free list[%d] total entries = %d", &size, &count) ==
+                    2 &&
                 i++ >= 0 && count)
                 s += std::to_string(i - 1) + ":" + std::to_string(size) + "/" + std::to_string(count) + " ";
         return std::to_string(blocks) + "/" + std::to_string(i) + "|" + s;
@@ -105,8 +119,9 @@ TEST_F(PoolTest, CarvingMergingSearchOrderAndUnpooled) {
     EXPECT_TRUE(gAllocs == 1 && gLastAllocSize == 8192 && b == a + 24 && c == b + 32 && chunk(a)[3] == 0);
     EXPECT_EQ(chunk(b), (std::vector<uint32_t>{24, 1, 32, 8}));
     EXPECT_EQ(lists(), "1/9|8:8104/1 ");  // the rest of the block, on the list of big chunks
-    pool->release(b);                    // neighbours in use: on its own list as it is
-    EXPECT_TRUE(lists() == "1/9|2:24/1 8:8104/1 " && pool->release(b) == -3073 && pool->release(nullptr) == -3073);
+    pool->release(b);                     // neighbours in use: on its own list as it is
+    EXPECT_TRUE(lists() == "1/9|2:24/1 8:8104/1 " && pool->release(b) == -3073 &&
+                pool->release(nullptr) == -3073);
     pool->release(a);  // merges with b behind it: 16 + 8 + 24
     EXPECT_EQ(lists(), "1/9|5:48/1 8:8104/1 ");
     pool->release(c);  // merges both ways: the empty block and the free lists go
@@ -139,7 +154,10 @@ TEST_F(PoolTest, CarvingMergingSearchOrderAndUnpooled) {
 
 TEST_F(PoolTest, MixedOperationsKeepEveryChunkIntact) {
     make(256, 4096);
-    struct Live { char* p; std::string bytes; } live[150] = {};
+    struct Live {
+        char* p;
+        std::string bytes;
+    } live[150] = {};
     uint32_t seed = 12345;
     auto next = [&seed]() { return (seed = seed * 1103515245u + 12345u) >> 16 & 0x7FFF; };
     for (int step = 0; step < 20000; step++) {

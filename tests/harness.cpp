@@ -44,7 +44,10 @@ xvfb() { local x i; command -v Xvfb >/dev/null || { echo "skip: Xvfb is not inst
 )SH";
 
 // Exit status (128 + n after signal n, -1 after the time limit), standard output and error.
-struct RunResult { int status; std::string out, err; };
+struct RunResult {
+    int status;
+    std::string out, err;
+};
 
 std::string readFile(Str path) {
     std::ifstream in(path, std::ios::binary);
@@ -69,7 +72,8 @@ void failStatfs(int error) {
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     struct sock_fprog program = {4, code};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
         _exit(125);
 }
 
@@ -77,9 +81,15 @@ void failStatfs(int error) {
 // is killed afterwards, with the input on standard input and the output in files beside the sandbox.
 RunResult run(const std::string& sandbox, const std::string& command, const std::string& input = "",
               int statfsErrno = 0) {
-    Lines env = {"PATH=/usr/local/bin:/usr/bin:/bin", "HOME=" + sandbox, "LANG=C", "S=" + sandbox,
-                 "I=" CVINST_BUILT_INSTALLER, "MK=" CVINST_BUILT_MKDIST, "MSG=" CVINST_BUILT_MESSAGES,
-                 "P=" CVINST_DEMO_PAYLOAD, "PP=" CVINST_DEMO_PLUGIN_PAYLOAD};
+    Lines env = {"PATH=/usr/local/bin:/usr/bin:/bin",
+                 "HOME=" + sandbox,
+                 "LANG=C",
+                 "S=" + sandbox,
+                 "I=" CVINST_BUILT_INSTALLER,
+                 "MK=" CVINST_BUILT_MKDIST,
+                 "MSG=" CVINST_BUILT_MESSAGES,
+                 "P=" CVINST_DEMO_PAYLOAD,
+                 "PP=" CVINST_DEMO_PLUGIN_PAYLOAD};
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
     std::string script = kPrelude + command, in = sandbox + ".in", out = sandbox + ".1", err = sandbox + ".2";
@@ -94,7 +104,7 @@ RunResult run(const std::string& sandbox, const std::string& command, const std:
         dup2(open(in.c_str(), O_RDONLY), 0);
         dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
         dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-        closefrom(3);   // nothing of the test runner's leaks into the run
+        closefrom(3);  // nothing of the test runner's leaks into the run
         if (statfsErrno != 0) failStatfs(statfsErrno);
         execve("/bin/bash", argv.data(), envp.data());
         _exit(127);
@@ -132,7 +142,9 @@ std::string shq(const std::string& text) {
     return quoted + "'";
 }
 
-std::string demoFile(const std::string& name) { return readFile(CVINST_DEMO_PAYLOAD "/" + name); }
+std::string demoFile(const std::string& name) {
+    return readFile(CVINST_DEMO_PAYLOAD "/" + name);
+}
 
 TEST_P(E2E, Run) {
     const Case& c = GetParam();
@@ -142,8 +154,8 @@ TEST_P(E2E, Run) {
     // Searchable by everybody, for the runs as uid 65534; the distribution is the built one.
     std::error_code error;
     std::filesystem::permissions(sandbox, std::filesystem::perms(0755), error);
-    std::filesystem::copy(std::filesystem::path(CVINST_BUILT_MESSAGES).parent_path() / "dist", sandbox + "/dist",
-                          std::filesystem::copy_options::recursive, error);
+    std::filesystem::copy(std::filesystem::path(CVINST_BUILT_MESSAGES).parent_path() / "dist",
+                          sandbox + "/dist", std::filesystem::copy_options::recursive, error);
     ASSERT_FALSE(error) << error.message();
     RunResult setup = c.setup.empty() ? RunResult{0, "", ""} : run(sandbox, expand(c.setup, sandbox)), r;
     for (const auto& file : c.files) {
@@ -151,12 +163,14 @@ TEST_P(E2E, Run) {
         std::filesystem::create_directories(where.parent_path());
         std::ofstream(where, std::ios::binary) << expand(file.second, sandbox);
     }
-    if (setup.status == 0) r = run(sandbox, expand(c.command, sandbox), expand(c.input, sandbox), c.statfsErrno);
+    if (setup.status == 0)
+        r = run(sandbox, expand(c.command, sandbox), expand(c.input, sandbox), c.statfsErrno);
     const std::string text = r.out + (r.err.empty() ? "" : "[stderr]\n" + r.err);
     std::ofstream(sandbox + ".out", std::ios::binary) << text;
     std::string checks = "O=$S.out\n";
     for (size_t i = 0; i < c.checks.size(); i++)
-        checks += "(" + expand(c.checks[i], sandbox) + ") || echo \"check " + std::to_string(i + 1) + " failed\"\n";
+        checks +=
+            "(" + expand(c.checks[i], sandbox) + ") || echo \"check " + std::to_string(i + 1) + " failed\"\n";
     RunResult checked = c.checks.empty() || setup.status != 0 ? RunResult{0, "", ""} : run(sandbox, checks);
     // The sandbox goes, with whatever the case mounted in it, the latest mounts first.
     std::ifstream mounts("/proc/mounts");

@@ -26,8 +26,7 @@ bool readFile(const char* path, std::vector<unsigned char>& bytes) {
     if (!f) return false;
     unsigned char chunk[65536];
     size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + got);
+    while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + got);
     bool ok = !std::ferror(f);
     std::fclose(f);
     return ok;
@@ -50,8 +49,7 @@ int compile(const char* sourcePath, const char* outPath) {
     std::vector<MsgEntry> entries;
     std::vector<std::string> errors;
     if (!parseMessageSource(std::string(raw.begin(), raw.end()), entries, errors)) {
-        for (const std::string& e : errors)
-            std::fprintf(stderr, "cvbc: %s: %s\n", sourcePath, e.c_str());
+        for (const std::string& e : errors) std::fprintf(stderr, "cvbc: %s: %s\n", sourcePath, e.c_str());
         return 1;
     }
     if (!writeFile(outPath, buildMessageFile(entries))) {
@@ -75,8 +73,7 @@ int dump(const char* path) {
         return 1;
     }
     std::string text = formatMessageSource(entries);
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-        std::fflush(stdout) != 0) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
         std::fprintf(stderr, "cvbc: cannot write the dump\n");
         return 1;
     }

@@ -35,8 +35,8 @@ const size_t kMaxListLine = 511;
 const uint64_t kMaxListedValue = 2147483647u;
 
 struct Entry {
-    std::string path;   // relative to the payload root, no leading "/"
-    char kind;          // 'd' directory, 'f' regular file, 'l' symbolic link
+    std::string path;  // relative to the payload root, no leading "/"
+    char kind;         // 'd' directory, 'f' regular file, 'l' symbolic link
     uint64_t size;
     uint32_t sum;
 };
@@ -70,8 +70,10 @@ int fail(const char* format, const std::string& what, const char* detail = nullp
 std::string shellQuote(const std::string& text) {
     std::string quoted = "'";
     for (char c : text) {
-        if (c == '\'') quoted += "'\\''";
-        else quoted += c;
+        if (c == '\'')
+            quoted += "'\\''";
+        else
+            quoted += c;
     }
     quoted += "'";
     return quoted;
@@ -88,15 +90,25 @@ int parseOptions(int argc, char** argv, Options* options) {
     for (int i = 1; i < argc; i++) {
         std::string arg = argv[i];
         std::string* target = nullptr;
-        if (arg == "--payload") target = &options->payload;
-        else if (arg == "--package") target = &options->package;
-        else if (arg == "--out") target = &options->out;
-        else if (arg == "--installer") target = &options->installer;
-        else if (arg == "--messages") target = &options->messages;
-        else if (arg == "--license") target = &options->license;
-        else if (arg == "--list-only") { options->listOnly = true; continue; }
-        else if (arg == "-h" || arg == "--help") { usage(); exit(0); }
-        else {
+        if (arg == "--payload")
+            target = &options->payload;
+        else if (arg == "--package")
+            target = &options->package;
+        else if (arg == "--out")
+            target = &options->out;
+        else if (arg == "--installer")
+            target = &options->installer;
+        else if (arg == "--messages")
+            target = &options->messages;
+        else if (arg == "--license")
+            target = &options->license;
+        else if (arg == "--list-only") {
+            options->listOnly = true;
+            continue;
+        } else if (arg == "-h" || arg == "--help") {
+            usage();
+            exit(0);
+        } else {
             usage();
             return fail("unknown argument '%s'", arg);
         }
@@ -117,8 +129,10 @@ int parseOptions(int argc, char** argv, Options* options) {
         return fail("%s", "--package and --out are required");
     }
     if (!isPackageName(options->package))
-        return fail("'%s' is not a distribution package name "
-                    "(cvpack, cvpacku, cvpackd, cvpackep, cvpackepd)", options->package);
+        return fail(
+            "'%s' is not a distribution package name "
+            "(cvpack, cvpacku, cvpackd, cvpackep, cvpackepd)",
+            options->package);
     return 0;
 }
 
@@ -165,8 +179,7 @@ int walkTree(const std::string& root, const std::string& relative, std::vector<E
         std::string rel = relative.empty() ? name : relative + "/" + name;
         std::string full = root + "/" + rel;
         if (relative.empty() && name == kListName) {
-            fprintf(stderr, "cvmkdist: warning: %s in the payload is replaced by a new list\n",
-                    full.c_str());
+            fprintf(stderr, "cvmkdist: warning: %s in the payload is replaced by a new list\n", full.c_str());
             continue;
         }
         if (rel.find('\n') != std::string::npos || rel.find('\r') != std::string::npos)
@@ -189,13 +202,11 @@ int walkTree(const std::string& root, const std::string& relative, std::vector<E
             item.kind = 'f';
             if (byteSum(full, &item.size, &item.sum) != 0) return 1;
             if (item.size > kMaxListedValue)
-                return fail("%s is larger than 2147483647 bytes; the installer could not verify it",
-                            full);
+                return fail("%s is larger than 2147483647 bytes; the installer could not verify it", full);
             if (item.sum > kMaxListedValue) {
                 char detail[64];
                 snprintf(detail, sizeof(detail), "byte sum %u", item.sum);
-                return fail("%s: byte sum above 2147483647; the installer could not verify it",
-                            full, detail);
+                return fail("%s: byte sum above 2147483647; the installer could not verify it", full, detail);
             }
         } else {
             return fail("%s is neither a regular file, a directory nor a symbolic link", full);
@@ -209,8 +220,7 @@ int buildFileList(const std::vector<Entry>& entries, std::string* list) {
     std::vector<const Entry*> files;
     for (const Entry& entry : entries)
         if (entry.kind == 'f') files.push_back(&entry);
-    std::sort(files.begin(), files.end(),
-              [](const Entry* a, const Entry* b) { return a->path < b->path; });
+    std::sort(files.begin(), files.end(), [](const Entry* a, const Entry* b) { return a->path < b->path; });
     list->clear();
     for (const Entry* file : files) {
         char numbers[64];
@@ -227,8 +237,7 @@ int writeWholeFile(const std::string& file, const std::string& content, mode_t m
     FILE* out = fopen(file.c_str(), "wb");
     if (!out) return fail("cannot create %s", file, strerror(errno));
     size_t written = fwrite(content.data(), 1, content.size(), out);
-    if (fclose(out) != 0 || written != content.size())
-        return fail("cannot write %s", file, strerror(errno));
+    if (fclose(out) != 0 || written != content.size()) return fail("cannot write %s", file, strerror(errno));
     if (chmod(file.c_str(), mode) != 0) return fail("cannot set the mode of %s", file, strerror(errno));
     return 0;
 }
@@ -257,8 +266,7 @@ int makeDirectoryTree(const std::string& dir) {
         return fail("%s exists and is not a directory", dir);
     }
     size_t slash = dir.find_last_of('/');
-    if (slash != std::string::npos && slash > 0 && makeDirectoryTree(dir.substr(0, slash)) != 0)
-        return 1;
+    if (slash != std::string::npos && slash > 0 && makeDirectoryTree(dir.substr(0, slash)) != 0) return 1;
     if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST)
         return fail("cannot create directory %s", dir, strerror(errno));
     return 0;
@@ -283,11 +291,9 @@ int runCommand(const std::string& command) {
 }
 
 // Streams "tar" over the staged tree through zlib into the package file.
-int writePackage(const std::string& staging, const std::string& memberList,
-                 const std::string& package) {
-    std::string command = "tar -C " + shellQuote(staging) +
-                          " --no-recursion --null -T " + shellQuote(memberList) +
-                          " --owner=0 --group=0 --numeric-owner -cf -";
+int writePackage(const std::string& staging, const std::string& memberList, const std::string& package) {
+    std::string command = "tar -C " + shellQuote(staging) + " --no-recursion --null -T " +
+                          shellQuote(memberList) + " --owner=0 --group=0 --numeric-owner -cf -";
     FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) return fail("cannot run %s", command, strerror(errno));
     std::string partial = package + ".part";
@@ -372,8 +378,7 @@ void warnAboutOtherPackages(const Options& options) {
         if (options.package == name) continue;
         std::string other = options.out + "/" + name;
         if (access(other.c_str(), F_OK) == 0)
-            fprintf(stderr, "cvmkdist: warning: %s also holds the package %s\n",
-                    options.out.c_str(), name);
+            fprintf(stderr, "cvmkdist: warning: %s also holds the package %s\n", options.out.c_str(), name);
     }
 }
 
@@ -410,8 +415,7 @@ int main(int argc, char** argv) {
     if (packTree(options, entries, list) != 0) return 1;
     if (!options.installer.empty() && copyInto(options.installer, options.out + "/cvinst", 0755) != 0)
         return 1;
-    if (!options.messages.empty() &&
-        copyInto(options.messages, options.out + "/cdinst.cvb", 0644) != 0)
+    if (!options.messages.empty() && copyInto(options.messages, options.out + "/cdinst.cvb", 0644) != 0)
         return 1;
     if (!options.license.empty() && copyInto(options.license, options.out + "/license.txt", 0644) != 0)
         return 1;

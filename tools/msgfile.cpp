@@ -36,10 +36,14 @@ bool unescape(const std::string& raw, std::string& out, std::string& why) {
             return false;
         }
         char e = raw[++i];
-        if (e == 'n') out += '\n';
-        else if (e == 't') out += '\t';
-        else if (e == 'r') out += '\r';
-        else if (e == '\\') out += '\\';
+        if (e == 'n')
+            out += '\n';
+        else if (e == 't')
+            out += '\t';
+        else if (e == 'r')
+            out += '\r';
+        else if (e == '\\')
+            out += '\\';
         else if (e == 'x') {
             int hi = i + 1 < raw.size() ? hexValue(raw[i + 1]) : -1;
             int lo = i + 2 < raw.size() ? hexValue(raw[i + 2]) : -1;
@@ -65,10 +69,14 @@ std::string escape(const std::string& text) {
     static const char kHex[] = "0123456789ABCDEF";
     std::string out;
     for (unsigned char c : text) {
-        if (c == '\\') out += "\\\\";
-        else if (c == '\n') out += "\\n";
-        else if (c == '\t') out += "\\t";
-        else if (c == '\r') out += "\\r";
+        if (c == '\\')
+            out += "\\\\";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\t')
+            out += "\\t";
+        else if (c == '\r')
+            out += "\\r";
         else if (c < 0x20 || c == 0x7f) {
             out += "\\x";
             out += kHex[c >> 4];
@@ -86,8 +94,8 @@ void putWord(std::vector<unsigned char>& out, int64_t value) {
 }
 
 int32_t getWord(const std::vector<unsigned char>& bytes, size_t at) {
-    return int32_t(uint32_t(bytes[at]) | uint32_t(bytes[at + 1]) << 8 |
-                   uint32_t(bytes[at + 2]) << 16 | uint32_t(bytes[at + 3]) << 24);
+    return int32_t(uint32_t(bytes[at]) | uint32_t(bytes[at + 1]) << 8 | uint32_t(bytes[at + 2]) << 16 |
+                   uint32_t(bytes[at + 3]) << 24);
 }
 
 }  // namespace
@@ -114,8 +122,8 @@ bool parseMessageSource(const std::string& source, std::vector<MsgEntry>& entrie
         errno = 0;
         long long code = std::strtoll(digits, &stop, 10);
         bool numeric = !codeText.empty() && *stop == 0 && errno == 0 &&
-                       (std::isdigit(static_cast<unsigned char>(codeText[0])) ||
-                        codeText[0] == '-' || codeText[0] == '+');
+                       (std::isdigit(static_cast<unsigned char>(codeText[0])) || codeText[0] == '-' ||
+                        codeText[0] == '+');
         if (!numeric) {
             errors.push_back(lineError(line, "code '" + codeText + "' is not a number"));
             continue;
@@ -125,13 +133,12 @@ bool parseMessageSource(const std::string& source, std::vector<MsgEntry>& entrie
             continue;
         }
         if (code > 0) {
-            errors.push_back(lineError(line, "code " + codeText +
-                                                 " is positive; codes are 0 or negative"));
+            errors.push_back(lineError(line, "code " + codeText + " is positive; codes are 0 or negative"));
             continue;
         }
         if (code < kMsgLowestCode) {
-            errors.push_back(lineError(line, "code " + codeText + " is below " +
-                                                 std::to_string(kMsgLowestCode)));
+            errors.push_back(
+                lineError(line, "code " + codeText + " is below " + std::to_string(kMsgLowestCode)));
             continue;
         }
         MsgEntry entry;
@@ -146,8 +153,7 @@ bool parseMessageSource(const std::string& source, std::vector<MsgEntry>& entrie
         for (const MsgEntry& seen : entries) {
             if (seen.code == entry.code) {
                 errors.push_back(lineError(line, "code " + std::to_string(entry.code) +
-                                                     " already given on line " +
-                                                     std::to_string(seen.line)));
+                                                     " already given on line " + std::to_string(seen.line)));
                 duplicate = true;
                 break;
             }
@@ -230,8 +236,7 @@ bool readMessageFile(const std::vector<unsigned char>& bytes, std::vector<MsgEnt
         }
         MsgEntry e;
         e.code = code;
-        e.text.assign(reinterpret_cast<const char*>(begin),
-                      static_cast<const unsigned char*>(nul) - begin);
+        e.text.assign(reinterpret_cast<const char*>(begin), static_cast<const unsigned char*>(nul) - begin);
         e.line = 0;
         entries.push_back(e);
     }
