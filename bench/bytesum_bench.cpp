@@ -27,6 +27,7 @@ std::vector<unsigned char> filled(size_t size) {
 
 void BM_ByteSum(benchmark::State& state) {
     std::vector<unsigned char> data = filled(static_cast<size_t>(state.range(0)));
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         benchmark::DoNotOptimize(data.data());
         uint32_t sum = byteSum(data.data(), data.size());
@@ -41,6 +42,7 @@ void BM_ByteSumSse2(benchmark::State& state) {
         return;
     }
     std::vector<unsigned char> data = filled(static_cast<size_t>(state.range(0)));
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         benchmark::DoNotOptimize(data.data());
         uint32_t sum = byteSumWith(kByteSumSse2, data.data(), data.size());
@@ -52,6 +54,7 @@ void BM_ByteSumSse2(benchmark::State& state) {
 void BM_Memcpy(benchmark::State& state) {
     std::vector<unsigned char> data = filled(static_cast<size_t>(state.range(0)));
     std::vector<unsigned char> copy(data.size());
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         benchmark::DoNotOptimize(data.data());
         memcpy(copy.data(), data.data(), data.size());

@@ -227,7 +227,7 @@ int main(int argc, char** argv) {
     std::string content;
     for (int i = 0; i < smallFiles; i++, files++) {
         content.clear();
-        size_t size = static_cast<size_t>(random.between(1024, 20 * 1024));
+        size_t size = static_cast<size_t>(random.between(1024, uint64_t{20} * 1024));
         const char* extension = kExtensions[random.next() % 8];
         if (strcmp(extension, ".txt") == 0)
             proseText(random, size, &content);
@@ -239,7 +239,7 @@ int main(int argc, char** argv) {
     }
     for (int i = 0; i < mediumFiles; i++, files++) {
         content.clear();
-        size_t size = static_cast<size_t>(random.between(100 * 1024, 1024 * 1024));
+        size_t size = static_cast<size_t>(random.between(uint64_t{100} * 1024, uint64_t{1024} * 1024));
         bool text = i % 2 == 0;
         if (text)
             proseText(random, size, &content);
@@ -255,6 +255,7 @@ int main(int argc, char** argv) {
     std::vector<uint64_t> shares(static_cast<size_t>(largeFiles));
     uint64_t shareTotal = 0;
     for (uint64_t& share : shares) shareTotal += share = random.between(2, 10);
+    if (shareTotal == 0) shareTotal = 1;  // no large files at all
     for (int i = 0; i < largeFiles; i++, files++) {
         uint64_t size = left * shares[static_cast<size_t>(i)] / shareTotal;
         if (size < 2000000) size = 2000000;

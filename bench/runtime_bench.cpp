@@ -35,6 +35,7 @@ void churn(benchmark::State& state, Alloc alloc, Release release) {
     void* live[kLive] = {};
     SizeSequence sizes;
     int slot = 0;
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         if (live[slot] != nullptr) release(live[slot]);
         live[slot] = alloc(sizes.next());
@@ -79,6 +80,7 @@ std::string benchFile() {
 void BM_OpenReadClose_Posix(benchmark::State& state) {
     std::string path = benchFile();
     char buffer[4096];
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         int fd = open(path.c_str(), O_RDONLY);
         benchmark::DoNotOptimize(read(fd, buffer, sizeof(buffer)));
@@ -89,6 +91,7 @@ void BM_OpenReadClose_Posix(benchmark::State& state) {
 void BM_OpenReadClose_Handles(benchmark::State& state) {
     std::string path = benchFile();
     char buffer[4096];
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         int32_t h = fileOpen(path.c_str(), 0);
         benchmark::DoNotOptimize(fileRead(h, buffer, sizeof(buffer)));
@@ -98,6 +101,7 @@ void BM_OpenReadClose_Handles(benchmark::State& state) {
 
 void BM_ReadWholeFile(benchmark::State& state) {
     std::string path = benchFile();
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         char* text = nullptr;
         int32_t length = 0;
@@ -112,8 +116,9 @@ void BM_GetMessageWithArgument(benchmark::State& state) {
     if (mkdtemp(dir) == nullptr) abort();
     // magic, textBase, one entry (code -2 at offset 0), terminator, then the text
     const char text[] = "File '%s1' not found.";
-    unsigned char file[4 * 6 + sizeof(text)] = {0x22, 0x11, 0, 0, 24, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff,
-                                                0,    0,    0, 0, 0,  0, 0, 0, 0xff, 0xff, 0xff, 0xff};
+    unsigned char file[sizeof(uint32_t) * 6 + sizeof(text)] = {0x22, 0x11, 0,    0,    24,   0,   0, 0, 0xfe,
+                                                               0xff, 0xff, 0xff, 0,    0,    0,   0, 0, 0,
+                                                               0,    0,    0xff, 0xff, 0xff, 0xff};
     memcpy(file + 24, text, sizeof(text));
     std::string path = std::string(dir) + "/bench.cvb";
     FILE* f = fopen(path.c_str(), "wb");
@@ -123,6 +128,7 @@ void BM_GetMessageWithArgument(benchmark::State& state) {
     setMessageFile((std::string(dir) + "/").c_str(), "bench.cvb");
     reloadMessageFile();
     setMessageArg(1, "/opt/corvane/bin/corv.ini");
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) benchmark::DoNotOptimize(getMessage(-2));
 }
 
@@ -148,6 +154,7 @@ std::string linkChain() {
 void BM_PathResolve_LinkChain(benchmark::State& state) {
     std::string start = linkChain();
     char out[512];
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         pathResolve(out, start.c_str(), 0);
         benchmark::DoNotOptimize(out);
@@ -157,6 +164,7 @@ void BM_PathResolve_LinkChain(benchmark::State& state) {
 void BM_PathResolve_Realpath(benchmark::State& state) {
     std::string start = linkChain();
     char out[PATH_MAX];
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) benchmark::DoNotOptimize(realpath(start.c_str(), out));
 }
 

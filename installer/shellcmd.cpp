@@ -98,7 +98,7 @@ void finishSpan(CommandText* text, int32_t start, char quote) {
 }
 
 // Formats behind the first `start` characters of out; the two public entries differ only there.
-int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_list args) {
+int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_list* args) {
     if (out == nullptr || size <= 0 || start >= size) return 1;
     CommandText text = {out, size, start, false};
 
@@ -111,11 +111,10 @@ int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_
             putChar(&text, '%');
             f += 2;
         } else if (c == '%' && f[1] == 's') {
-            const char* arg = va_arg(args, const char*);
+            const char* arg = va_arg(*args, const char*);
             if (arg == nullptr) arg = "";
-            if (spanQuote != '\0') {
-                putText(&text, arg);  // checked as part of the whole span when it closes
-            } else if (allOrdinary(arg)) {
+            // Inside a quoted span the text is checked with the whole span when it closes.
+            if (spanQuote != '\0' || allOrdinary(arg)) {
                 putText(&text, arg);
             } else {
                 putSingleQuoted(&text, arg);
@@ -124,7 +123,7 @@ int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_
         } else if (c == '%' && f[1] == 'd') {
             // Numbers are made of ordinary characters wherever they stand.
             char number[16];
-            snprintf(number, sizeof(number), "%d", va_arg(args, int));
+            snprintf(number, sizeof(number), "%d", va_arg(*args, int));
             putText(&text, number);
             f += 2;
         } else if (spanQuote != '\0' && c == spanQuote) {
@@ -162,7 +161,7 @@ int32_t formatAt(char* out, int32_t size, int32_t start, const char* format, va_
 int32_t formatShellCommand(char* out, int32_t size, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    int32_t result = formatAt(out, size, 0, format, args);
+    int32_t result = formatAt(out, size, 0, format, &args);
     va_end(args);
     return result;
 }
@@ -172,7 +171,7 @@ int32_t appendShellCommand(char* out, int32_t size, const char* format, ...) {
     va_list args;
     va_start(args, format);
     int32_t result =
-        formatAt(out, size, static_cast<int32_t>(strnlen(out, static_cast<size_t>(size))), format, args);
+        formatAt(out, size, static_cast<int32_t>(strnlen(out, static_cast<size_t>(size))), format, &args);
     va_end(args);
     return result;
 }

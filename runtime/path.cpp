@@ -12,8 +12,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace {
 
 const int32_t kPathSize = 512;
@@ -129,6 +127,7 @@ struct EnvEntry {
     const char* value;
 };
 EnvEntry* gEnvEntries = nullptr;
+char* gEnvText = nullptr;  // the copied strings that the entries point into
 size_t gEnvCount = 0;
 bool gEnvTaken = false;
 
@@ -164,6 +163,7 @@ void takeEnvironmentSnapshot() {
         dst += n + 1;
     }
     gEnvEntries = entries;
+    gEnvText = text;
     gEnvCount = used;
 }
 

@@ -78,7 +78,7 @@ int32_t bufAppend(char** buffer, int32_t* length, const void* data, int32_t coun
         if (!q) return kOutOfMemory;
         *buffer = static_cast<char*>(q);
     }
-    if (data && count > 0) std::memcpy(*buffer + used, data, size_t(count));
+    if (data && count > 0 && *buffer) std::memcpy(*buffer + used, data, size_t(count));
     *length = int32_t(needed);
     return 0;
 }
@@ -158,10 +158,10 @@ struct Pool {
 
     ChunkView chunkAt(uint32_t ref) const { return ChunkView{block(ref >> 13) + ((ref & 0x1FFF) << 3)}; }
 
-    unsigned char* blockStart(ChunkView c) const { return c.header - c.offset(); }
+    static unsigned char* blockStart(ChunkView c) { return c.header - c.offset(); }
 
     bool hasNext(ChunkView c) const { return c.offset() + 8 + c.size() < blockSize; }
-    ChunkView next(ChunkView c) const { return ChunkView{c.header + 8 + c.size()}; }
+    static ChunkView next(ChunkView c) { return ChunkView{c.header + 8 + c.size()}; }
 
     void pushFree(ChunkView c) {
         c.setHeader(c.size(), kPooled | kFree);
@@ -356,18 +356,18 @@ int32_t POMAllocator::release(void* p) {
     Pool pool{impl_, maxPooled_, blockSize_};
 
     if (c.prevOffset()) {
-        ChunkView before{pool.blockStart(c) + c.prevOffset()};
+        ChunkView before{Pool::blockStart(c) + c.prevOffset()};
         if (before.flags() & kFree) {
             pool.unlinkFree(before);
             before.setHeader(before.size() + 8 + c.size(), kPooled);
             c = before;
-            if (pool.hasNext(c)) pool.next(c).setPrevOffset(c.offset());
+            if (pool.hasNext(c)) Pool::next(c).setPrevOffset(c.offset());
         }
     }
     pool.absorbNext(c);
 
     if (c.offset() == kFirstChunk && c.size() + 16 == blockSize_) {
-        unsigned char* start = pool.blockStart(c);
+        unsigned char* start = Pool::blockStart(c);
         uint32_t number = pool.blockNumber(start);
         uint32_t prev = readWord(start);
         uint32_t next = readWord(start + 4);
@@ -407,13 +407,13 @@ void* POMAllocator::reallocate(void* p, uint32_t n) {
         }
         pool.absorbNext(c);
         if (c.size() < want && c.prevOffset()) {
-            ChunkView before{pool.blockStart(c) + c.prevOffset()};
+            ChunkView before{Pool::blockStart(c) + c.prevOffset()};
             if ((before.flags() & kFree) && before.size() + 8 + c.size() >= want) {
                 pool.unlinkFree(before);
                 before.setHeader(before.size() + 8 + c.size(), kPooled);
                 std::memmove(before.data(), c.data(), oldSize);
                 c = before;
-                if (pool.hasNext(c)) pool.next(c).setPrevOffset(c.offset());
+                if (pool.hasNext(c)) Pool::next(c).setPrevOffset(c.offset());
             }
         }
         if (c.size() >= want) {

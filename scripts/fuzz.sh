@@ -10,8 +10,11 @@ seconds=${1:-20}
 shift || true
 
 cmake -S . -B build-fuzz -DCVINST_FUZZ=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCVINST_WERROR=ON -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
 cmake --build build-fuzz -j"$(nproc 2>/dev/null || echo 2)" --target fuzz_all >/dev/null
+# Only this build compiles the targets, so clang-tidy checks them here (scripts/lint.sh does the rest).
+run-clang-tidy -p build-fuzz -quiet '/fuzz/[^/]*\.cpp$' >build-fuzz/tidy.log 2>&1 ||
+  { grep -E '(warning|error): ' build-fuzz/tidy.log | sort -u; exit 1; }
 
 failed=0
 for source in fuzz/fuzz_*.cpp; do

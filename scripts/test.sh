@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Builds the project twice (plain, and with AddressSanitizer + UndefinedBehaviorSanitizer) and
-# runs every test: unit and end-to-end tests of both builds.
+# Checks the style (scripts/lint.sh), builds the project twice (plain, and with AddressSanitizer +
+# UndefinedBehaviorSanitizer) and runs every test: unit and end-to-end tests of both builds.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
+
+# Formatting, clang warnings and clang-tidy first: they fail fast.
+bash scripts/lint.sh
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"

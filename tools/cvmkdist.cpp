@@ -18,6 +18,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <iterator>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -81,9 +82,8 @@ std::string shellQuote(const std::string& text) {
 
 bool isPackageName(const std::string& name) {
     static const char* const kNames[] = {"cvpack", "cvpacku", "cvpackd", "cvpackep", "cvpackepd"};
-    for (const char* known : kNames)
-        if (name == known) return true;
-    return false;
+    return std::any_of(std::begin(kNames), std::end(kNames),
+                       [&](const char* known) { return name == known; });
 }
 
 int parseOptions(int argc, char** argv, Options* options) {
@@ -272,7 +272,7 @@ int makeDirectoryTree(const std::string& dir) {
     return 0;
 }
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
+int removeEntry(const char* path, const struct stat* /*info*/, int /*kind*/, struct FTW* /*walk*/) {
     if (remove(path) != 0) fprintf(stderr, "cvmkdist: warning: cannot remove %s\n", path);
     return 0;
 }
@@ -350,6 +350,7 @@ int packTree(const Options& options, const std::vector<Entry>& entries, const st
     // not an empty list that checks nothing. Then the members in sorted order, directories
     // before their contents.
     std::vector<std::string> members;
+    members.reserve(entries.size() + 1);
     for (const Entry& entry : entries) members.push_back(entry.path);
     std::sort(members.begin(), members.end());
     members.insert(members.begin(), kListName);
