@@ -36,11 +36,12 @@ int32_t tryAgain() {
     return answer;
 }
 
-// A text of the message file in a box, with argument 1 set to the path concerned. The texts
-// carry their own line breaks, and a path must not be broken.
+// A text of the message file, word-wrapped in a box, with argument 1 set to the path concerned.
+// Like every long text of the message file it is wrapped at 60 columns; a long path breaks behind
+// one of its dots.
 void showMessageBox(int32_t code, const char* path) {
     if (path != nullptr) setMessageArg(1, path);
-    printBoxed("%s", getMessage(code));
+    printWrapped(getMessage(code));
 }
 
 bool hasEclipseMarker(const char* dir) {
