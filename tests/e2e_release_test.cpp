@@ -124,9 +124,12 @@ E2E_CASES(
          {"=same\n"}},
     // One message names every problem; nothing is built.
     Case{"payload_refused",
-         "cp -a \"$P\" t && rm t/corv.stu 't/$alias.crv' && echo gone.e >>t/cmacros.lst && mkfifo t/fifo && "
-         "sock t/sock && ln -s /etc/passwd t/abs && ln -s .. t/bin/up && ln -s bin/up/.. t/esc && "
-         "ln -s loop t/loop",
+         "cp -a \"$P\" t && rm t/corv.stu 't/$alias.crv' && mkdir 't/$alias.crv' && echo gone.e "
+         ">>t/cmacros.lst && "
+         "mkfifo t/fifo && sock t/sock && ln -s /etc/passwd t/abs && ln -s abs t/viaabs && ln -s .. t/bin/up "
+         "&& "
+         "ln -s bin/up/.. t/esc && ln -s loop t/loop && mv t/bin/cvtw t/cvtw.real && ln -s ../cvtw.real "
+         "t/bin/cvtw",
          "\"$MK\" --payload t --package cvpackep --out o --installer \"$I\" --messages \"$MSG\" --license "
          "\"$P/license.txt\"",
          "",
@@ -136,8 +139,10 @@ E2E_CASES(
           "  abs: a symbolic link to '/etc/passwd', which leads out of the payload\n"
           "  esc: a symbolic link to 'bin/up/..', which leads out of the payload\n"
           "  loop: a symbolic link to 'loop', which is part of a loop of symbolic links\n"
+          "  viaabs: a symbolic link to 'abs', which leads out of the payload through the link abs\n"
           "cvmkdist: the payload t lacks what an installation from cvpackep reads:\n"
-          "  $alias.crv: the shipped alias file, which becomes or extends alias.crv\n"
+          "  $alias.crv: the shipped alias file, which becomes or extends alias.crv (here not a regular "
+          "file)\n"
           "  corv.stu: the state file, copied to rescue.stu\n"
           "  macros/gone.e: a macro source that cmacros.lst names\n"
           "  eclipse/features/com.corvane.plugin: the plug-in's feature directory\n"

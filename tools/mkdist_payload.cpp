@@ -86,7 +86,7 @@ std::string resolve(const EntryMap& byPath, const std::string& path, std::string
         const std::string& target = entry->second->target;
         if (++hops > kMaxLinkHops) return "is part of a loop of symbolic links";
         if (!target.empty() && target[0] == '/')
-            return "leads out of the payload" + (hops > 1 ? " through the link " + joinPath(here) : "");
+            return "leads out of the payload through the link " + joinPath(here);
         here.pop_back();
         std::vector<std::string> next = splitPath(target);
         todo.insert(todo.begin(), next.begin(), next.end());
