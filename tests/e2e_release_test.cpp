@@ -159,17 +159,18 @@ E2E_CASES(
         {"=[stderr]\ncvmkdist: the payload t holds what a package cannot carry:\n  null: a character "
          "device\n"}},
     // Without installer, message file and licence only on request; the file not inside the directory.
-    Case{"side_files_required",
-         "",
-         "\"$MK\" --payload \"$P\" --package cvpack --out o; \"$MK\" --payload \"$P\" --package cvpack --out "
-         "o "
-         "--allow-incomplete && ls o; \"$MK\" --payload \"$P\" --package cvpack --out o --allow-incomplete "
-         "--self-extracting o/x.run; \"$MK\" --help | head -1",
-         "",
-         0,
-         {"^SHA256SUMS\ncvpack\nusage: cvmkdist --payload DIR",
-          "[stderr]\ncvmkdist: the distribution lacks:\n  the installer (--installer FILE)\n"
-          "  the message file (--messages FILE)\n  the licence text (--license FILE)\n"
-          "cvmkdist: nothing was built",
-          "cvmkdist: warning: the distribution lacks:\n", "o/x.run would lie in the distribution directory"},
-         {"! test -e o/x.run"}});
+    Case{
+        "side_files_required",
+        "",
+        "m() { \"$MK\" --payload \"$P\" --package cvpack --out o \"$@\"; }; m; m --allow-incomplete && ls o; "
+        "m --allow-incomplete --installer \"$I\" --self-extracting o/x.run; m --self-extracting x.run; "
+        "\"$MK\" --help | head -1",
+        "",
+        0,
+        {"^SHA256SUMS\ncvpack\nusage: cvmkdist --payload DIR",
+         "[stderr]\ncvmkdist: the distribution lacks:\n  the installer (--installer FILE)\n"
+         "  the message file (--messages FILE)\n  the licence text (--license FILE)\n"
+         "cvmkdist: nothing was built",
+         "cvmkdist: warning: the distribution lacks:\n", "o/x.run would lie in the distribution directory",
+         "cvmkdist: --self-extracting needs --installer"},
+        {"! test -e o/x.run"}});

@@ -16,11 +16,12 @@ struct SideFile {
     const char* name;  // in the distribution directory
     mode_t mode;
     const char* what;
+    bool required;  // a distribution without it is refused unless --allow-incomplete
 };
 const SideFile kSideFiles[] = {
-    {&MkdistOptions::installer, "--installer", "cvinst", 0755, "the installer"},
-    {&MkdistOptions::messages, "--messages", "cdinst.cvb", 0644, "the message file"},
-    {&MkdistOptions::license, "--license", "license.txt", 0644, "the licence text"},
+    {&MkdistOptions::installer, "--installer", "cvinst", 0755, "the installer", true},
+    {&MkdistOptions::messages, "--messages", "cdinst.cvb", 0644, "the message file", true},
+    {&MkdistOptions::license, "--license", "license.txt", 0644, "the licence text", true},
 };
 
 }  // namespace
@@ -29,7 +30,7 @@ int checkSideFiles(const MkdistOptions& options, std::vector<std::string>* missi
     for (const SideFile& side : kSideFiles) {
         const std::string& source = options.*(side.source);
         if (source.empty()) {
-            missing->push_back(std::string(side.what) + " (" + side.option + " FILE)");
+            if (side.required) missing->push_back(std::string(side.what) + " (" + side.option + " FILE)");
             continue;
         }
         struct stat st;

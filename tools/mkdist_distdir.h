@@ -7,7 +7,7 @@
 #include "tools/mkdist_options.h"
 
 // Checks the side files: each one given must be a regular file (else 1 after a message); each
-// one not given is added to missing as "what (--option FILE)".
+// required one not given is added to missing as "what (--option FILE)".
 int checkSideFiles(const MkdistOptions& options, std::vector<std::string>* missing);
 // Copies every side file given into the distribution directory.
 int copySideFiles(const MkdistOptions& options);

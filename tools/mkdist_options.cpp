@@ -89,6 +89,9 @@ int parseMkdistOptions(int argc, char** argv, MkdistOptions* options) {
     if (options->listOnly) return 0;
     if (options->package.empty() || options->out.empty())
         return usageError("%s", "--package and --out are required");
+    if (!options->selfExtracting.empty() && options->installer.empty())
+        return mkdistFail("%s",
+                          "--self-extracting needs --installer: the file starts the installer it holds");
     if (!isPackageName(options->package))
         return mkdistFail(
             "'%s' is not a distribution package name (cvpack, cvpacku, cvpackd, cvpackep, cvpackepd)",
