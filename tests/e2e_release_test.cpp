@@ -25,6 +25,10 @@ const std::string kWaiting =
     "set -m; mkfifo in; TMPDIR=$S/tmp sh r.run <in >out 2>&1 & pid=$!; exec 3>in; "
     "for i in $(seq 200); do grep -q 'ENTER' out && break; sleep 0.05; done; ";
 
+const std::string kLacksSideFiles =
+    "[stderr]\ncvmkdist: the distribution lacks:\n  the installer (--installer FILE)\n"
+    "  the message file (--messages FILE)\n  the licence text (--license FILE)\ncvmkdist: nothing was built";
+
 }  // namespace
 
 E2E_CASES(
@@ -167,10 +171,7 @@ E2E_CASES(
         "\"$MK\" --help | head -1",
         "",
         0,
-        {"^SHA256SUMS\ncvpack\nusage: cvmkdist --payload DIR",
-         "[stderr]\ncvmkdist: the distribution lacks:\n  the installer (--installer FILE)\n"
-         "  the message file (--messages FILE)\n  the licence text (--license FILE)\n"
-         "cvmkdist: nothing was built",
+        {"^SHA256SUMS\ncvpack\nusage: cvmkdist --payload DIR", kLacksSideFiles,
          "cvmkdist: warning: the distribution lacks:\n", "o/x.run would lie in the distribution directory",
          "cvmkdist: --self-extracting needs --installer"},
         {"! test -e o/x.run"}});
