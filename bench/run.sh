@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installation benchmarks side by side with tar, and the microbenchmarks.
 #
-#   bash bench/run.sh [full] [tenth] [demo] [micro]      (default: all four)
+#   bash bench/run.sh [full] [tenth] [demo] [selfextract] [micro]      (default: all five)
 #
 # full/tenth: a generated editor-like payload of about 142 MB in about 3000 files, or a tenth
-# of it, is packed by cvmkdist into a distribution (cached under build-bench/bench-work while
-# the generator, the demo payload and cvmkdist stay the same). After one warm-up round, rounds
+# of it, is packed by cvmkdist into a distribution and a self-extracting file (cached under
+# build-bench/bench-work while the generator, the demo payload, cvmkdist, the installer and its
+# message file stay the same). After one warm-up round, rounds
 # of three runs, each into a fresh empty directory (on a tmpfs, see setup_runs) and in an
 # order that rotates from round to round, time
 #   tar     tar xzf cvpack
@@ -17,6 +18,11 @@
 # and the median of the per-round ratios.
 # demo: the same three kinds of run over the small demo distribution: the fixed part of an
 # installation (the pager, chown, chgrp, the macro translator and so on).
+# selfextract: the complete unattended installation of the 142 MB distribution from its
+# directory against the same installation through its self-extracting file (sh corvane.run,
+# setup.ini in the current directory, TMPDIR beside the installation targets), alternating
+# which goes first; the ratio is the median of the per-round ratios. Each round also times the
+# file's check alone (--check) and check plus unpacking (--target), where its extra cost lies.
 # micro: the Google Benchmark microbenchmarks, medians of five repetitions.
 #
 # Environment: ROUNDS (rounds for the full payload, default 11), ROUNDS_TENTH (default 21),
@@ -29,7 +35,7 @@ work=${BENCH_WORK:-$build/bench-work}
 rounds_full=${ROUNDS:-11}
 rounds_tenth=${ROUNDS_TENTH:-21}
 parts=("$@")
-[ ${#parts[@]} -gt 0 ] || parts=(full tenth demo micro)
+[ ${#parts[@]} -gt 0 ] || parts=(full tenth demo selfextract micro)
 
 if ! dpkg-query -W -f='${Status}' libbenchmark-dev 2>/dev/null | grep -q 'install ok installed'; then
   bash scripts/setup.sh
@@ -52,7 +58,8 @@ children_cpu() { awk 'NR == 2 { split($1, u, "m"); split($2, s, "m"); printf "%d
 make_dist() {
   local name=$1 divisor=$2 dir=$work/$1
   local key
-  key=$( (sha256sum "$build/bench/genpayload" "$build/tools/cvmkdist"; find demo/payload -type f -print0 |
+  key=$( (sha256sum "$build/bench/genpayload" "$build/tools/cvmkdist" "$build/installer/cvinst" "$build/cdinst.cvb"
+          find demo/payload -type f -print0 |
           sort -z | xargs -0 sha256sum; echo "$divisor") | sha256sum | cut -c1-16)
   if [ ! -f "$dir/dist/cvpack" ] || [ "$(cat "$dir/key" 2>/dev/null)" != "$key" ]; then
     echo "building the $name distribution (once)..."
@@ -62,12 +69,11 @@ make_dist() {
     # One fixed time on every entry: the same payload packs into the same bytes.
     find "$dir/payload" -exec touch -h -d @1700000000 {} +
     "$build/tools/cvmkdist" --payload "$dir/payload" --package cvpack --out "$dir/dist" \
-      --installer "$build/installer/cvinst" --messages "$build/cdinst.cvb" --license demo/payload/license.txt
+      --installer "$build/installer/cvinst" --messages "$build/cdinst.cvb" --license demo/payload/license.txt \
+      --self-extracting "$dir/corvane.run"
     rm -rf "$dir/payload"
     echo "$key" >"$dir/key"
   fi
-  # Always the installer just built.
-  cp -f "$build/installer/cvinst" "$build/cdinst.cvb" "$dir/dist/"
 }
 
 # Where the runs unpack: a tmpfs of our own, so that every run writes into memory alone.
@@ -117,6 +123,29 @@ run_one() {
       end=$(micros)
       grep -q 'INSTALLATION SUCCESSFULLY COMPLETED' "$runs/$kind.log" ||
         { echo "cvinst ${flags[*]} did not complete; see $runs/$kind.log" >&2; exit 1; } ;;
+    run)
+      # From a directory that holds only setup.ini; the private copy goes under TMPDIR.
+      mkdir -p "$runs/cwd" "$runs/tmp"
+      printf '[unattended]\nDestinationDir=%s\n' "$target" >"$runs/cwd/setup.ini"
+      start=$(micros)
+      if ! (cd "$runs/cwd" && printf '\nyes\n' | TMPDIR=$runs/tmp sh "$dir/corvane.run" -- -post-install \
+              >"$runs/run.log" 2>&1 && times >"$runs/cpu"); then
+        echo "sh corvane.run failed; see $runs/run.log" >&2
+        exit 1
+      fi
+      end=$(micros)
+      if ! grep -q 'INSTALLATION SUCCESSFULLY COMPLETED' "$runs/run.log" || [ -n "$(ls -A "$runs/tmp")" ]; then
+        echo "sh corvane.run did not complete or left files in TMPDIR; see $runs/run.log" >&2
+        exit 1
+      fi ;;
+    check|unpack)
+      # The two parts of the file's own cost: the SHA-256 check alone, and check plus unpacking.
+      local option=(--check)
+      [ "$kind" = unpack ] && option=(--target "$target/dist")
+      start=$(micros)
+      (sh "$dir/corvane.run" "${option[@]}" >/dev/null && times >"$runs/cpu") ||
+        { echo "sh corvane.run ${option[*]} failed" >&2; exit 1; }
+      end=$(micros) ;;
   esac
   echo "$((end - start)) $(children_cpu <"$runs/cpu")"
 }
@@ -234,12 +263,43 @@ bench_demo() {
   rm -rf "${runs:?}"/*
 }
 
+# The 142 MB installation through its self-extracting file against the same from the directory.
+bench_selfextract() {
+  local dir=$work/full rounds=$1 t=$work/full/run-times order kind result wall cpu
+  local -A took=()
+  make_dist full 1
+  rm -rf "$t" && mkdir -p "$t"
+  echo
+  echo "== selfextract: corvane.run $(stat -c %s "$dir/corvane.run") bytes, the demo's $(stat -c %s "$build/corvane-demo.run") bytes"
+  for kind in install run; do run_one "$kind" "$dir" w >/dev/null; done   # warm-up
+  echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (rounds: $rounds, TMPDIR and targets on $target_kind)"
+  for ((r = 0; r < rounds; r++)); do
+    order=(install run check unpack)
+    [ $((r % 2)) -eq 1 ] && order=(run install unpack check)
+    for kind in "${order[@]}"; do
+      result=$(run_one "$kind" "$dir" "$r")
+      read -r wall cpu <<<"$result"
+      took[$kind]=$wall
+      echo "$wall" >>"$t/$kind"
+      echo "$cpu" >>"$t/$kind-cpu"
+    done
+    awk -v a="${took[run]}" -v b="${took[install]}" 'BEGIN {print a / b}' >>"$t/ratio"
+  done
+  report "cvinst from the directory" "$t/install" "$t/install-cpu"
+  report "sh corvane.run" "$t/run" "$t/run-cpu"
+  report "  its check alone (--check)" "$t/check" "$t/check-cpu"
+  report "  check and unpacking (--target)" "$t/unpack" "$t/unpack-cpu"
+  ratio_report "corvane.run / directory, per round" "$t/ratio"
+  rm -rf "${runs:?}"/*
+}
+
 setup_runs
 for part in "${parts[@]}"; do
   case $part in
     full) bench_size full 1 "$rounds_full" ;;
     tenth) bench_size tenth 10 "$rounds_tenth" ;;
     demo) bench_demo ;;
+    selfextract) bench_selfextract "$rounds_full" ;;
     micro)
       echo
       echo "== microbenchmarks (medians of 5 repetitions; load $(cut -d' ' -f1-3 /proc/loadavg))"
@@ -254,7 +314,7 @@ for part in "${parts[@]}"; do
                END { for (s in sizes) printf "  %9d bytes: byte sum / memcpy %.2f  (SSE2 kernel %.2f)\n", s,
                      rate["BM_ByteSum", s] / rate["BM_Memcpy", s], rate["BM_ByteSumSse2", s] / rate["BM_Memcpy", s] }' \
         "$csv" | sort -n ;;
-    *) echo "unknown part '$part' (full, tenth, demo, micro)" >&2; exit 2 ;;
+    *) echo "unknown part '$part' (full, tenth, demo, selfextract, micro)" >&2; exit 2 ;;
   esac
 done
 echo

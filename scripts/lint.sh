@@ -3,6 +3,7 @@
 #  1. every tracked C/C++ file is formatted as .clang-format says;
 #  2. a clang build (-Wall -Wextra -Wcomma) has no warning (-Werror);
 #  3. clang-tidy, with the checks of .clang-tidy, finds nothing over that build's compile database.
+#  4. shellcheck finds nothing in the header script of the self-extracting file (POSIX sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -19,4 +20,8 @@ echo "== clang-tidy"
 # Only the project's own sources; the headers they include are checked through them.
 run-clang-tidy -p build-clang -quiet -j"$jobs" '/(installer|runtime|tools|tests|bench)/[^/]*\.cpp$' \
   >build-clang/tidy.log 2>&1 || { grep -E '(warning|error): ' build-clang/tidy.log | sort -u; exit 1; }
+echo "no findings"
+
+echo "== shellcheck"
+shellcheck -s sh tools/selfextract.sh
 echo "no findings"

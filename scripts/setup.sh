@@ -3,7 +3,8 @@
 set -euo pipefail
 need=()
 for pkg in g++ cmake make zlib1g-dev libx11-dev libssl-dev libgtest-dev xvfb xauth zip unzip tar gzip util-linux procps \
-           clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev ansible-core git; do
+           clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev ansible-core git \
+           gnupg gpgv openssl shellcheck; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || need+=("$pkg")
 done
 if [ ${#need[@]} -gt 0 ]; then

@@ -27,7 +27,7 @@ cvinst() { "$D/cvinst" "$@"; }
 q() { cvinst -d -post-install "$@"; }
 inst() { "$S/$1/cvinst" -d -post-install -destination-dir "$S/$2" "${@:3}"; }
 mkd() { "$MK" --payload "${2:-$P}" --package "${3:-cvpack}" --out "$S/$1" --installer "$I" --messages "$MSG" \
-  --license "$P/license.txt" >/dev/null; }
+  --license "$P/license.txt" --allow-incomplete >/dev/null; }
 tree() { cp -a "${2:-$P}" "$S/$1" && find "$S/$1" -exec touch -h -d 2020-01-01 {} +; }
 tard() { cp -a "$D" "$S/$1" && tar -C "$2" -cf - . | gzip -c >"$S/$1/cvpack"; }
 nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }

@@ -1,0 +1,13 @@
+// The command line of cvmkdist.
+#pragma once
+#include <string>
+
+struct MkdistOptions {
+    std::string payload, package, out, installer, messages, license, selfExtracting;
+    bool listOnly = false;
+    bool allowIncomplete = false;
+};
+
+// Fills options from the arguments. Returns 0, 1 after a message on standard error, or 2
+// after the help text on standard output (the caller then ends with status 0).
+int parseMkdistOptions(int argc, char** argv, MkdistOptions* options);
