@@ -1,13 +1,15 @@
 // cvmkdist: builds a distribution directory from a payload tree.
 //
 //   cvmkdist --payload DIR --package NAME --out DISTDIR
-//            [--installer FILE] [--messages FILE] [--license FILE]
+//            [--installer FILE] [--messages FILE] [--license FILE] [--checker FILE]
 //   cvmkdist --payload DIR --list-only
 //
 // The payload is the editor tree as it will stand in the installation directory. cvmkdist
 // writes the file list "distribfilelist" (path, size and byte sum of every regular file,
 // sorted), packs the tree plus that list into a gzip-compressed tar package named NAME in
-// DISTDIR, and copies the installer, its message file and the licence text beside it.
+// DISTDIR, and copies the installer, its message file, the licence text and the installation
+// checker cvcheck beside it (each only when given). The package also holds "distribsha256", the
+// SHA-256 list of the listed files (tools/sha256list.h), which the file list does not name.
 // The payload directory itself is never written: the tree is packed from a staged copy.
 #include <dirent.h>
 #include <fcntl.h>
@@ -26,6 +28,8 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "tools/sha256list.h"
 
 namespace {
 
@@ -47,14 +51,14 @@ struct Entry {
 struct timespec gNewestChange = {0, 0};
 
 struct Options {
-    std::string payload, package, out, installer, messages, license;
+    std::string payload, package, out, installer, messages, license, checker;
     bool listOnly = false;
 };
 
 void usage() {
     fprintf(stderr,
             "usage: cvmkdist --payload DIR --package NAME --out DISTDIR\n"
-            "                [--installer FILE] [--messages FILE] [--license FILE]\n"
+            "                [--installer FILE] [--messages FILE] [--license FILE] [--checker FILE]\n"
             "       cvmkdist --payload DIR --list-only\n"
             "NAME is one of cvpack, cvpacku, cvpackd, cvpackep, cvpackepd.\n");
 }
@@ -102,6 +106,8 @@ int parseOptions(int argc, char** argv, Options* options) {
             target = &options->messages;
         else if (arg == "--license")
             target = &options->license;
+        else if (arg == "--checker")
+            target = &options->checker;
         else if (arg == "--list-only") {
             options->listOnly = true;
             continue;
@@ -178,7 +184,7 @@ int walkTree(const std::string& root, const std::string& relative, std::vector<E
     for (const std::string& name : names) {
         std::string rel = relative.empty() ? name : relative + "/" + name;
         std::string full = root + "/" + rel;
-        if (relative.empty() && name == kListName) {
+        if (relative.empty() && (name == kListName || name == kSha256ListName)) {
             fprintf(stderr, "cvmkdist: warning: %s in the payload is replaced by a new list\n", full.c_str());
             continue;
         }
@@ -354,6 +360,10 @@ int packTree(const Options& options, const std::vector<Entry>& entries, const st
     for (const Entry& entry : entries) members.push_back(entry.path);
     std::sort(members.begin(), members.end());
     members.insert(members.begin(), kListName);
+    members.insert(members.begin() + 1, kSha256ListName);
+    std::vector<std::string> files;
+    for (const Entry& entry : entries)
+        if (entry.kind == 'f') files.push_back(entry.path);
     std::string memberList;
     for (const std::string& member : members) {
         memberList += member;
@@ -365,6 +375,8 @@ int packTree(const Options& options, const std::vector<Entry>& entries, const st
         runCommand("cp -pPR " + shellQuote(options.payload + "/.") + " " + shellQuote(staging)) == 0 &&
         writeWholeFile(staging + "/" + kListName, list, 0644) == 0 &&
         stampList(staging + "/" + kListName) == 0 &&
+        writeSha256List("cvmkdist", staging, files, staging + "/" + kSha256ListName) == 0 &&
+        stampList(staging + "/" + kSha256ListName) == 0 &&
         writeWholeFile(work + "/members", memberList, 0600) == 0 &&
         writePackage(staging, work + "/members", options.out + "/" + options.package) == 0) {
         result = 0;
@@ -395,7 +407,7 @@ int main(int argc, char** argv) {
     if (stat(options.payload.c_str(), &st) != 0)
         return fail("payload directory %s not found", options.payload, strerror(errno));
     if (!S_ISDIR(st.st_mode)) return fail("payload %s is not a directory", options.payload);
-    const std::string* inputs[] = {&options.installer, &options.messages, &options.license};
+    const std::string* inputs[] = {&options.installer, &options.messages, &options.license, &options.checker};
     for (const std::string* input : inputs) {
         if (input->empty()) continue;
         if (stat(input->c_str(), &st) != 0) return fail("%s not found", *input, strerror(errno));
@@ -420,5 +432,6 @@ int main(int argc, char** argv) {
         return 1;
     if (!options.license.empty() && copyInto(options.license, options.out + "/license.txt", 0644) != 0)
         return 1;
+    if (!options.checker.empty() && copyInto(options.checker, options.out + "/cvcheck", 0755) != 0) return 1;
     return 0;
 }
