@@ -41,12 +41,12 @@ E2E_CASES(
         kCk + "ck verify i; echo \"status $?\"; rm i/distribsha256; ck verify i",
         "",
         1,
-        {"^content    $S/i/bin/cv (SHA-256 differs)\nsize       $S/i/corv.stu (listed with 57 bytes, has 5)\n"
-         "content    $S/i/docs/release notes.txt (SHA-256 differs)\nmissing    $S/i/license.txt\n",
-         "cvcheck: 4 of 15 checked files differ", "status 1\n",
-         "content    $S/i/bin/cv (byte sum differs)\nsize       $S/i/corv.stu", "!release notes",
-         "missing    $S/i/license.txt\ncvcheck: 3 of 15 checked files differ in $S/i/ (byte sums of "
-         "distribfilelist."}},
+        {"^content    $S/i/bin/cv (SHA-256 differs)\n",
+         "size       $S/i/corv.stu (listed with 57 bytes, has 5)\n",
+         "content    $S/i/docs/release notes.txt (SHA-256 differs)\n", "missing    $S/i/license.txt\n",
+         "cvcheck: 4 of 15 checked files differ", "status 1\n", "content    $S/i/bin/cv (byte sum differs)\n",
+         "size       $S/i/corv.stu", "!release notes", "missing    $S/i/license.txt\n",
+         "cvcheck: 3 of 15 checked files differ in $S/i/ (byte sums of distribfilelist."}},
     // Any byte of a listed name comes out as valid JSON, the raw bytes as hex beside it.
     Case{
         "verify_json",
