@@ -177,13 +177,14 @@ bool walk(Remover* r, int dirFd, const std::string& spot) {
     return empty;
 }
 
-// Decides on one of the two files in the Eclipse installation; acts in the second walk.
+// One of the two files in the Eclipse installation, removed only when it is this plug-in's: it lies
+// outside the directory given, so --purge does not take it either.
 void eclipseFile(Remover* r, const EclipseFile& file) {
     if (!file.exists) return;
-    bool ours = file.ours || r->options->purge;
-    if (!r->act && !ours) r->toKeep++;
-    if (r->act && ours) removeEntry(r, file.dirFd, file.leaf, file.path, false);
-    if (r->act && !ours) keep(r, file.path, "not this installation's");
+    if (file.ours)
+        removeEntry(r, file.dirFd, file.leaf, file.path, false);
+    else
+        keep(r, file.path, "not this installation's");
 }
 
 int refuse(const std::string& why) {
@@ -229,8 +230,6 @@ int runRemove(const RemoveOptions& options) {
     fstat(inst.dirFd, &info);
     r.device = info.st_dev;
     walk(&r, inst.dirFd, "");
-    eclipseFile(&r, eclipse.link);
-    eclipseFile(&r, eclipse.script);
     r.act = true;
     if (walk(&r, inst.dirFd, "")) removeEntry(&r, AT_FDCWD, inst.dir, inst.dir, true);
     eclipseFile(&r, eclipse.link);

@@ -7,6 +7,10 @@
 #include <cerrno>
 
 int openDirBelow(int base, const std::string& relDir) {
+    if (base < 0) {
+        errno = ENOENT;  // a base directory that could not be opened holds nothing
+        return -1;
+    }
     int fd = openat(base, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     for (size_t start = 0; fd >= 0 && start < relDir.size();) {
         size_t end = relDir.find('/', start);

@@ -5,7 +5,7 @@
 
 // Opens the directory relDir ("a/b", "" for base itself) below base. -1 with errno set when a
 // component is missing (ENOENT), a symbolic link (ELOOP) or no directory (ENOTDIR); a ".."
-// component is refused with EINVAL.
+// component is refused with EINVAL. A base below 0 (not opened) gives ENOENT.
 int openDirBelow(int base, const std::string& relDir);
 
 // The directory of one path after another, keeping the last one open: paths of a sorted list
