@@ -37,9 +37,3 @@ TEST(MadeFiles, ChangedAfterVerification) {
     for (MadeKind kind : {kMadeNone, kMadeProject, kMadeList, kMadeBackup})
         EXPECT_FALSE(changedAfterVerification(kind)) << kind;
 }
-
-TEST(MadeFiles, EnvironmentIni) {
-    std::string text = environmentIniText();
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 12);
-    EXPECT_EQ(text.rfind(";CORVXNOBLINK=1\n"), text.size() - 16);
-}
