@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installation benchmarks side by side with tar, and the microbenchmarks.
 #
-#   bash bench/run.sh [full] [tenth] [demo] [selfextract] [micro]      (default: all five)
+#   bash bench/run.sh [full] [tenth] [demo] [selfextract] [check] [micro]      (default: all six)
 #
 # full/tenth: a generated editor-like payload of about 142 MB in about 3000 files, or a tenth
 # of it, is packed by cvmkdist into a distribution and a self-extracting file (cached under
@@ -23,6 +23,9 @@
 # setup.ini in the current directory, TMPDIR beside the installation targets), alternating
 # which goes first; the ratio is the median of the per-round ratios. Each round also times the
 # file's check alone (--check) and check plus unpacking (--target), where its extra cost lies.
+# check: cvcheck verify over a complete installation of the full payload, in alternation with cat
+# of the same files, first with the package's SHA-256 list (distribsha256), then with the byte
+# sums alone (the list moved aside).
 # micro: the Google Benchmark microbenchmarks, medians of five repetitions.
 #
 # Environment: ROUNDS (rounds for the full payload, default 11), ROUNDS_TENTH (default 21),
@@ -35,13 +38,13 @@ work=${BENCH_WORK:-$build/bench-work}
 rounds_full=${ROUNDS:-11}
 rounds_tenth=${ROUNDS_TENTH:-21}
 parts=("$@")
-[ ${#parts[@]} -gt 0 ] || parts=(full tenth demo selfextract micro)
+[ ${#parts[@]} -gt 0 ] || parts=(full tenth demo selfextract check micro)
 
 if ! dpkg-query -W -f='${Status}' libbenchmark-dev 2>/dev/null | grep -q 'install ok installed'; then
   bash scripts/setup.sh
 fi
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$build" -j2 --target cvinst cvmkdist messages dist genpayload verify_timer cvrt_bench >/dev/null
+cmake --build "$build" -j2 --target cvinst cvmkdist cvcheck messages dist genpayload verify_timer cvrt_bench >/dev/null
 
 echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
 echo "load before: $(cut -d' ' -f1-3 /proc/loadavg)"
@@ -58,7 +61,8 @@ children_cpu() { awk 'NR == 2 { split($1, u, "m"); split($2, s, "m"); printf "%d
 make_dist() {
   local name=$1 divisor=$2 dir=$work/$1
   local key
-  key=$( (sha256sum "$build/bench/genpayload" "$build/tools/cvmkdist" "$build/installer/cvinst" "$build/cdinst.cvb"
+  key=$( (sha256sum "$build/bench/genpayload" "$build/tools/cvmkdist" "$build/installer/cvinst" "$build/cdinst.cvb" \
+            "$build/tools/cvcheck"
           find demo/payload -type f -print0 |
           sort -z | xargs -0 sha256sum; echo "$divisor") | sha256sum | cut -c1-16)
   if [ ! -f "$dir/dist/cvpack" ] || [ "$(cat "$dir/key" 2>/dev/null)" != "$key" ]; then
@@ -70,7 +74,7 @@ make_dist() {
     find "$dir/payload" -exec touch -h -d @1700000000 {} +
     "$build/tools/cvmkdist" --payload "$dir/payload" --package cvpack --out "$dir/dist" \
       --installer "$build/installer/cvinst" --messages "$build/cdinst.cvb" --license demo/payload/license.txt \
-      --self-extracting "$dir/corvane.run"
+      --checker "$build/tools/cvcheck" --self-extracting "$dir/corvane.run"
     rm -rf "$dir/payload"
     echo "$key" >"$dir/key"
   fi
@@ -290,6 +294,54 @@ bench_selfextract() {
   report "  its check alone (--check)" "$t/check" "$t/check-cpu"
   report "  check and unpacking (--target)" "$t/unpack" "$t/unpack-cpu"
   ratio_report "corvane.run / directory, per round" "$t/ratio"
+}
+
+# cvcheck verify against cat of the files it reads, over one complete installation of the full
+# payload: per round one of each, in an order that alternates.
+bench_check() {
+  local dir=$work/full rounds=$rounds_full target t=$work/full/check-times
+  make_dist full 1
+  target=$(new_target check 0)
+  printf '[unattended]\nDestinationDir=%s\n' "$target" >"$dir/dist/setup.ini"
+  (cd "$dir/dist" && printf '\nyes\n' | ./cvinst -post-install >"$runs/check.log" 2>&1) ||
+    { echo "the installation for the check failed; see $runs/check.log" >&2; exit 1; }
+  local files_listed=() name
+  while IFS= read -r name; do [ -f "$target/$name" ] && files_listed+=("$name"); done \
+    < <(sed 's/ [-0-9]* [-0-9]*$//' "$target"/distribfilelist.*)
+  echo
+  echo "== check: cvcheck verify over the installed full payload, ${#files_listed[@]} files, against cat"
+  echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (rounds: $rounds)"
+  local mode start end v c r step
+  for mode in sha256 bytesum; do
+    rm -rf "$t" && mkdir -p "$t"
+    [ "$mode" = bytesum ] && mv "$target/distribsha256" "$runs/distribsha256.aside"
+    "$dir/dist/cvcheck" verify "$target" >"$runs/check.out" || { cat "$runs/check.out" >&2; exit 1; }
+    (cd "$target" && cat -- "${files_listed[@]}" >/dev/null)
+    for ((r = 0; r < rounds; r++)); do
+      for step in 0 1; do
+        if [ $(((r + step) % 2)) -eq 0 ]; then
+          start=$(micros)
+          (cd "$target" && "$dir/dist/cvcheck" verify . >/dev/null && times >"$runs/cpu")
+          end=$(micros)
+          v=$((end - start))
+          children_cpu <"$runs/cpu" >>"$t/verify-cpu"
+        else
+          start=$(micros)
+          (cd "$target" && cat -- "${files_listed[@]}" >/dev/null && times >"$runs/cpu")
+          end=$(micros)
+          c=$((end - start))
+          children_cpu <"$runs/cpu" >>"$t/cat-cpu"
+        fi
+      done
+      echo "$v" >>"$t/verify"
+      echo "$c" >>"$t/cat"
+      awk -v a="$v" -v b="$c" 'BEGIN {print a / b}' >>"$t/ratio"
+    done
+    echo "  $(tail -1 "$runs/check.out")"
+    report "cvcheck verify ($mode)" "$t/verify" "$t/verify-cpu"
+    report "cat of the same files" "$t/cat" "$t/cat-cpu"
+    ratio_report "cvcheck verify / cat, per round" "$t/ratio"
+  done
   rm -rf "${runs:?}"/*
 }
 
@@ -300,6 +352,7 @@ for part in "${parts[@]}"; do
     tenth) bench_size tenth 10 "$rounds_tenth" ;;
     demo) bench_demo ;;
     selfextract) bench_selfextract "$rounds_full" ;;
+    check) bench_check ;;
     micro)
       echo
       echo "== microbenchmarks (medians of 5 repetitions; load $(cut -d' ' -f1-3 /proc/loadavg))"
@@ -314,7 +367,7 @@ for part in "${parts[@]}"; do
                END { for (s in sizes) printf "  %9d bytes: byte sum / memcpy %.2f  (SSE2 kernel %.2f)\n", s,
                      rate["BM_ByteSum", s] / rate["BM_Memcpy", s], rate["BM_ByteSumSse2", s] / rate["BM_Memcpy", s] }' \
         "$csv" | sort -n ;;
-    *) echo "unknown part '$part' (full, tenth, demo, selfextract, micro)" >&2; exit 2 ;;
+    *) echo "unknown part '$part' (full, tenth, demo, selfextract, check, micro)" >&2; exit 2 ;;
   esac
 done
 echo

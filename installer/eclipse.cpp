@@ -18,16 +18,15 @@
 #include "runtime/message.h"
 #include "runtime/path.h"
 
-namespace {
-
-enum { kCommandSize = 8 * kPathSize };
-
-// Plug-in directories below "eclipse/" as unpacked; each gets the version behind its name.
-const char* const kPluginDirs[] = {
+const char* const kPluginDirs[kPluginDirCount] = {
     "features/com.corvane.plugin",
     "plugins/com.corvane.core",
     "plugins/com.corvane.eclipse.plugin",
 };
+
+namespace {
+
+enum { kCommandSize = 8 * kPathSize };
 
 // "Try again [Y]? ": 1 to try again, 0 on No or at end of input.
 int32_t tryAgain() {
@@ -82,7 +81,8 @@ int32_t ensureLinksDirectory(const char* links) {
 int32_t writeLinkFile(const char* links) {
     char linkFile[kPathSize];
     strCopyBounded(linkFile, links, kPathSize);
-    strAppendBounded(linkFile, "/com.corvane.eclipse.plugin.link", kPathSize);
+    strAppendBounded(linkFile, "/", kPathSize);
+    strAppendBounded(linkFile, kEclipseLinkFile, kPathSize);
     int fd = open(linkFile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (fd < 0) {
         printBoxed("Error creating link file (%d)", errno);
@@ -178,7 +178,7 @@ int32_t writeEclipseLaunchScript() {
     appendSlash(gState.eclipseLocation);
     char script[kPathSize];
     strCopyBounded(script, gState.eclipseLocation, kPathSize);
-    strAppendBounded(script, "eclipse-cv", kPathSize);
+    strAppendBounded(script, kLaunchScript, kPathSize);
 
     printf("\n\n%s\n", kStarLine);
     printf("* The Corvane Plug-In requires that the following\n");

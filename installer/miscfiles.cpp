@@ -16,10 +16,8 @@
 #include "installer/timestamps.h"
 #include "runtime/path.h"
 
-namespace {
-
 // The environment INI file; "%CVROOT%" is expanded by the editor when it starts.
-const char* const kEnvironmentIni[] = {
+const char* const kEnvironmentIni[kEnvironmentIniLines] = {
     "; This INI file is intended to contain Corvane environment",
     "; variables.",
     ";",
@@ -33,6 +31,8 @@ const char* const kEnvironmentIni[] = {
     "; Set CORVXNOBLINK to 1 to stop blinking cursor and reduce network traffic.",
     ";CORVXNOBLINK=1",
 };
+
+namespace {
 
 // A line of the user's alias file that begins with this has come from an earlier merge. Only
 // these six characters of "\nfunctioncomment" are compared.

@@ -2,6 +2,10 @@
 #pragma once
 #include <cstdint>
 
+// The lines of corv.ini, each written with a line feed behind it.
+enum { kEnvironmentIniLines = 12 };
+extern const char* const kEnvironmentIni[kEnvironmentIniLines];
+
 // Merges the shipped alias file, makes the project file, writes corv.ini, copies the state file
 // to rescue.stu and timestamps the installation. 0, or 1 when a sub-step failed.
 int32_t updateMiscFiles();

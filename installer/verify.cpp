@@ -21,8 +21,6 @@
 
 namespace {
 
-enum { kListLineSize = 512 };
-
 // One buffer serves every checksum; it grows to the largest file seen and is never shrunk.
 unsigned char* gChecksumBuffer = nullptr;
 int32_t gChecksumCapacity = 0;
@@ -35,12 +33,6 @@ int32_t toInt32(const char* text) {
     if (value < INT32_MIN) return INT32_MIN;
     return static_cast<int32_t>(value);
 }
-
-struct ListRecord {
-    const char* path;
-    int32_t size;
-    int32_t checksum;
-};
 
 // Splits a line (line end already cut off) in place: checksum behind the last blank, size
 // behind the blank before it, the path in front. Missing fields stay 0.
@@ -58,8 +50,10 @@ void parseRecord(char* line, ListRecord* record) {
     record->size = toInt32(blank + 1);
 }
 
+}  // namespace
+
 // A listed name must stay below the installation directory: no ".." component.
-bool leavesInstallDir(const char* path) {
+bool listNameLeavesDir(const char* path) {
     for (const char* p = path; (p = strstr(p, "..")) != nullptr; p += 2) {
         bool startsComponent = p == path || p[-1] == '/';
         bool endsComponent = p[2] == '\0' || p[2] == '/';
@@ -67,6 +61,17 @@ bool leavesInstallDir(const char* path) {
     }
     return false;
 }
+
+int32_t readListRecord(FILE* list, char* line, ListRecord* record) {
+    if (fgets(line, kListLineSize, list) == nullptr) return 0;
+    auto length = static_cast<int32_t>(strlen(line));
+    char* lineEnd = strchr(line, '\n');
+    if (lineEnd != nullptr) *lineEnd = '\0';
+    parseRecord(line, record);
+    return length;
+}
+
+namespace {
 
 // Checks one record; 0 when it matches, 1 after reporting the mismatch.
 int32_t checkRecord(const ListRecord& record) {
@@ -76,7 +81,7 @@ int32_t checkRecord(const ListRecord& record) {
         printMessage("Error detected in %s%s. The name is too long.", gState.installDir, record.path);
         return 1;
     }
-    if (leavesInstallDir(record.path)) {
+    if (listNameLeavesDir(record.path)) {
         printMessage("Error detected in %s. The name leaves the installation directory.", fullPath);
         return 1;
     }
@@ -140,7 +145,7 @@ int32_t verifyDistribution() {
     printf("Checking distribution files. Please wait...\n");
     char listPath[kPathSize];
     strCopyBounded(listPath, gState.installDir, kPathSize);
-    strAppendBounded(listPath, "distribfilelist", kPathSize);
+    strAppendBounded(listPath, kFileListName, kPathSize);
     FILE* list = fopen(listPath, "r");
     if (list == nullptr) {
         printMessage("Unable to open distribution file %s", listPath);
@@ -166,17 +171,14 @@ int32_t verifyDistribution() {
     uint32_t bytesRead = 0;
     int32_t result = 0;
     char line[kListLineSize];
-    while (fgets(line, sizeof(line), list) != nullptr) {
-        bytesRead += static_cast<uint32_t>(strlen(line));
+    ListRecord record;
+    for (int32_t length; (length = readListRecord(list, line, &record)) > 0;) {
+        bytesRead += static_cast<uint32_t>(length);
         uint32_t percent = totalBytes > 0 ? bytesRead * 100u / totalBytes : 100u;
         if (percent != lastPercent) {
             lastPercent = percent;
             printProgress("   %d%%", static_cast<int>(percent));
         }
-        char* lineEnd = strchr(line, '\n');
-        if (lineEnd != nullptr) *lineEnd = '\0';
-        ListRecord record;
-        parseRecord(line, &record);
         if (record.size == 0 && record.checksum == 0) continue;
         if (checkRecord(record) != 0) {
             result = -1;

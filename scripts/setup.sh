@@ -2,7 +2,7 @@
 # Installs the packages that building and testing need (Debian, as root). Only what is missing.
 set -euo pipefail
 need=()
-for pkg in g++ cmake make zlib1g-dev libx11-dev libssl-dev libgtest-dev xvfb xauth zip unzip tar gzip util-linux procps \
+for pkg in g++ cmake make zlib1g-dev libx11-dev libssl-dev nlohmann-json3-dev libgtest-dev xvfb xauth zip unzip tar gzip util-linux procps \
            clang clang-format clang-tidy libclang-rt-14-dev libbenchmark-dev ansible-core git \
            gnupg gpgv openssl shellcheck; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || need+=("$pkg")

@@ -21,6 +21,7 @@
 #include "tools/mkdist_selfextract.h"
 #include "tools/mkdist_sums.h"
 #include "tools/mkdist_util.h"
+#include "tools/sha256list.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ int main(int argc, char** argv) {
     if (!S_ISDIR(st.st_mode)) return mkdistFail("payload %s is not a directory", options.payload);
 
     // The files cvmkdist generates into the top of the package; the payload's own are replaced.
-    const std::vector<std::string> generatedNames = {kFileListName};
+    const std::vector<std::string> generatedNames = {kFileListName, kSha256ListName};
     Payload payload;
     if (walkPayload(options.payload, generatedNames, &payload) != 0) return 1;
     std::vector<std::string> problems = payload.problems;
@@ -86,7 +87,14 @@ int main(int argc, char** argv) {
     if (!options.selfExtracting.empty() && prepareSelfExtracting(options.selfExtracting, options.out) != 0)
         return 1;
     warnAboutOtherPackages(options);
-    const std::vector<GeneratedMember> generated = {{kFileListName, list}};
+    // Beside the file list, the SHA-256 list of the same files, which cvcheck checks with: a
+    // byte sum cannot see two bytes that changed places.
+    std::vector<std::string> files;
+    for (const PayloadEntry& entry : payload.entries)
+        if (entry.kind == 'f') files.push_back(entry.path);
+    std::string sha256List;
+    if (buildSha256List("cvmkdist", options.payload, files, &sha256List) != 0) return 1;
+    const std::vector<GeneratedMember> generated = {{kFileListName, list}, {kSha256ListName, sha256List}};
     if (writePackage(payload, generated, epoch, options.out + "/" + options.package) != 0) return 1;
     if (copySideFiles(options) != 0) return 1;
     // Listed last, so that every file put into the directory before is covered.

@@ -20,21 +20,23 @@ const ValueOption kValueOptions[] = {
     {"--installer", &MkdistOptions::installer},
     {"--messages", &MkdistOptions::messages},
     {"--license", &MkdistOptions::license},
+    {"--checker", &MkdistOptions::checker},
     {"--self-extracting", &MkdistOptions::selfExtracting},
 };
 
 const char kUsage[] =
     "usage: cvmkdist --payload DIR --package NAME --out DISTDIR\n"
     "                --installer FILE --messages FILE --license FILE\n"
-    "                [--self-extracting FILE] [--allow-incomplete]\n"
+    "                [--checker FILE] [--self-extracting FILE] [--allow-incomplete]\n"
     "       cvmkdist --payload DIR --list-only\n";
 
 const char kHelp[] =
     "\n"
     "Builds a Corvane distribution directory DISTDIR from the payload DIR, the editor tree as it\n"
     "will stand in the installation directory: the package NAME (the payload and its file list\n"
-    "distribfilelist, gzip-compressed tar), the installer as cvinst, the message file as\n"
-    "cdinst.cvb, the licence as license.txt, and SHA256SUMS over all of them.\n"
+    "distribfilelist and the SHA-256 list distribsha256, gzip-compressed tar), the installer as\n"
+    "cvinst, the message file as cdinst.cvb, the licence as license.txt, the installation checker\n"
+    "as cvcheck (--checker, optional), and SHA256SUMS over all of them.\n"
     "\n"
     "  --package NAME          cvpack, cvpacku or cvpackd (the editor), cvpackep or cvpackepd\n"
     "                          (the Eclipse plug-in)\n"

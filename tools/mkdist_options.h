@@ -3,7 +3,7 @@
 #include <string>
 
 struct MkdistOptions {
-    std::string payload, package, out, installer, messages, license, selfExtracting;
+    std::string payload, package, out, installer, messages, license, checker, selfExtracting;
     bool listOnly = false;
     bool allowIncomplete = false;
 };

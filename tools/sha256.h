@@ -9,7 +9,7 @@ enum { kSha256HexSize = 65 };  // 64 lower-case hex digits and the NUL
 // Digest of size bytes at data, as lower-case hex.
 void sha256Hex(const void* data, size_t size, char hex[kSha256HexSize]);
 // Digest of the file's contents, read from an open descriptor (which stays open). Returns 0, or
-// -1 with errno set when the file cannot be read.
+// -1 with errno set when the file cannot be read. Safe to call from several threads at once.
 int32_t sha256Descriptor(int fd, char hex[kSha256HexSize]);
 // The same for a file opened by path (following symbolic links).
 int32_t sha256File(const char* path, char hex[kSha256HexSize]);
