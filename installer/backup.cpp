@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/fileutil.h"
 #include "installer/shellcmd.h"
@@ -51,8 +52,11 @@ int32_t askBackupDirectory(char* dir) {
     }
 }
 
-// Copies the files of one group that exist; returns the status of the last test or copy.
-int32_t copyGroup(const char* fromDir, const char* const* names, size_t count, const char* backupDir) {
+// Copies the files of one group that exist; returns the status of the last test or copy. cp
+// follows links in both of its names, so each is checked first: the old file must lie in the
+// installation, the copy in backupRoot. A refused copy is reported and left out.
+int32_t copyGroup(const char* fromDir, const char* const* names, size_t count, const char* backupDir,
+                  const char* backupRoot) {
     int32_t status = 0;
     for (size_t i = 0; i < count; i++) {
         char source[kPathSize];
@@ -60,6 +64,13 @@ int32_t copyGroup(const char* fromDir, const char* const* names, size_t count, c
         strAppendBounded(source, names[i], kPathSize);
         status = pathExists(source) ? 0 : 1;
         if (status != 0) continue;
+        char destination[kPathSize];
+        if (formatPath(destination, "%s/%s", backupDir, names[i]) == 0 &&
+            (checkConfined(gState.installDir, source, true) != 0 ||
+             checkConfined(backupRoot, destination, true) != 0)) {
+            status = 1;
+            continue;
+        }
         char command[kCommandSize];
         if (formatShellCommand(command, sizeof(command), "cp \"%s\" \"%s/%s\"", source, backupDir,
                                names[i]) != 0) {
@@ -100,7 +111,12 @@ int32_t backUpOldConfiguration() {
     } else if (askBackupDirectory(backupDir) != 0) {
         return 1;
     }
-    copyGroup(gState.binDir, kBinFiles, sizeof(kBinFiles) / sizeof(kBinFiles[0]), backupDir);
+    // The default backup directory lies in the installation and is held to it; one that the user
+    // named is trusted itself, and only what is written into it is held to it.
+    char defaultDir[kPathSize];
+    formatPath(defaultDir, "%sold", gState.installDir);
+    const char* backupRoot = strcmp(backupDir, defaultDir) == 0 ? gState.installDir : backupDir;
+    copyGroup(gState.binDir, kBinFiles, sizeof(kBinFiles) / sizeof(kBinFiles[0]), backupDir, backupRoot);
     return copyGroup(gState.installDir, kInstallFiles, sizeof(kInstallFiles) / sizeof(kInstallFiles[0]),
-                     backupDir);
+                     backupDir, backupRoot);
 }

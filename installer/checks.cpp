@@ -4,6 +4,7 @@
 
 #include <X11/Xlib.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 
 #include "installer/console.h"
+#include "installer/fileutil.h"
 #include "installer/locate.h"
 #include "installer/state.h"
 
@@ -23,6 +25,17 @@ enum { kBaseSizeMB = 142, kTotalSizeMB = 167 };
 const char* const kRequiredTools[] = {
     "uname", "cp", "mv", "rm", "mkdir", "tar", "uncompress", "chgrp", "chown", "touch", "more",
 };
+
+// A run killed during the slow check leaves its probe behind with all it had written; it goes
+// before the space is measured. Only a regular file of that name counts as a probe.
+void removeStaleProbe() {
+    char probe[kPathSize];
+    struct stat info;
+    if (formatPath(probe, "%sSPACECHECK", gState.installDir) == 0 && lstat(probe, &info) == 0 &&
+        S_ISREG(info.st_mode)) {
+        unlink(probe);
+    }
+}
 
 }  // namespace
 
@@ -104,6 +117,7 @@ int32_t checkDiskSpace() {
     int32_t baseMB = 0;
     int32_t neededMB = 0;
     estimateDiskSpace(&baseMB, &neededMB);
+    removeStaleProbe();
 
     struct statfs info;
     if (statfs(gState.installDir, &info) != 0) {

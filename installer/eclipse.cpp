@@ -8,13 +8,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/fileutil.h"
 #include "installer/shellcmd.h"
 #include "installer/state.h"
+#include "installer/treewalk.h"
 #include "runtime/message.h"
 #include "runtime/path.h"
 
@@ -83,7 +86,8 @@ int32_t writeLinkFile(const char* links) {
     strCopyBounded(linkFile, links, kPathSize);
     strAppendBounded(linkFile, "/", kPathSize);
     strAppendBounded(linkFile, kEclipseLinkFile, kPathSize);
-    int fd = open(linkFile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    int fd = openConfined(gState.eclipseLocation, linkFile, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd == kConfineRefusedFd) return 1;
     if (fd < 0) {
         printBoxed("Error creating link file (%d)", errno);
         return 1;
@@ -100,6 +104,41 @@ int32_t writeLinkFile(const char* links) {
         return 1;
     }
     return 0;
+}
+
+// What "cp -fR" is about to write: every name below the unpacked tree (the shell's "*" leaves out
+// the dot names at its top), taken to the plug-in layout directory.
+struct CopyCheck {
+    const char* root;
+    const char* target;
+};
+
+int32_t checkCopyTarget(int /*dirFd*/, const char* /*name*/, const char* rel, const struct stat& /*info*/,
+                        void* context) {
+    auto* check = static_cast<CopyCheck*>(context);
+    char destination[PATH_MAX];
+    int n = snprintf(destination, sizeof(destination), "%s%s", check->target, rel);
+    if (rel[0] == '.' || n < 0 || n >= static_cast<int>(sizeof(destination))) return 0;
+    return checkConfined(check->root, destination, true);
+}
+
+// The shell commands of the layout move, copy and remove below the plug-in root; none of their
+// names may be reached through a link that leads out of it. 0, or 1 after the refusal.
+int32_t checkLayoutCommands(const char* root) {
+    for (const char* name : kPluginDirs) {
+        char unpacked[kPathSize];
+        char versioned[kPathSize];
+        if (formatPath(unpacked, "%seclipse/%s", gState.installDir, name) != 0 ||
+            formatPath(versioned, "%seclipse/%s_%d.%d.%d", gState.installDir, name, kPluginMajor,
+                       kPluginMinor, kPluginMicro) != 0) {
+            continue;
+        }
+        // mv moves a link itself, but moves into a directory that its target names.
+        if (checkConfined(root, unpacked, false) != 0 || checkConfined(root, versioned, true) != 0) return 1;
+    }
+    char unpackedTree[kPathSize];
+    if (formatPath(unpackedTree, "%seclipse", gState.installDir) != 0) return 0;
+    return checkConfined(root, unpackedTree, true) != 0 ? 1 : 0;
 }
 
 }  // namespace
@@ -142,6 +181,9 @@ int32_t queryEclipseLocation() {
 }
 
 int32_t layOutEclipsePlugin() {
+    char root[kPathSize];
+    pluginRoot(root);
+    if (checkLayoutCommands(root) != 0) return 1;
     char command[kCommandSize];
     for (const char* name : kPluginDirs) {
         char unpacked[kPathSize];
@@ -153,6 +195,15 @@ int32_t layOutEclipsePlugin() {
         }
         if (formatShellCommand(command, sizeof(command), "mv \"%s\" \"%s\"", unpacked, versioned) == 0)
             runShell(command);
+    }
+    // cp writes through a link where it finds one (a link planted in the core plug-in directory,
+    // which the copy merges into, would take the copy out of the plug-in root).
+    char unpackedTree[kPathSize];
+    CopyCheck check = {root, gState.eclipsePluginTarget};
+    char failedRel[PATH_MAX];
+    if (formatPath(unpackedTree, "%seclipse/", gState.installDir) == 0 &&
+        walkTree(unpackedTree, checkCopyTarget, &check, failedRel) > 0) {
+        return 1;
     }
     // The wildcard stays outside the quoting of the directory in front of it.
     if (formatShellCommand(command, sizeof(command), "cp -fR %seclipse/* %s", gState.installDir,
@@ -169,6 +220,8 @@ int32_t layOutEclipsePlugin() {
     }
     if (writeLinkFile(links) != 0) return 1;
 
+    // rm -fr removes a link without following it; the directory that holds "eclipse" was checked
+    // with the moves.
     if (formatShellCommand(command, sizeof(command), "rm -fr %seclipse", gState.installDir) == 0)
         runShell(command);
     return 0;
@@ -210,18 +263,20 @@ int32_t writeEclipseLaunchScript() {
     stripTrailingSlash(binDir);
     // Paths that need quoting get it, so the script also works from a directory with blanks.
     char launch[kCommandSize];
-    FILE* out = nullptr;
+    int fd = -1;
     if (formatShellCommand(launch, sizeof(launch), "LD_LIBRARY_PATH=%s:%s:$LD_LIBRARY_PATH %seclipse $*",
-                           binDir, gState.eclipseLocation, gState.eclipseLocation) != 0 ||
-        (out = fopen(script, "w")) == nullptr) {
+                           binDir, gState.eclipseLocation, gState.eclipseLocation) == 0) {
+        fd = openConfined(gState.eclipseLocation, script, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    }
+    if (fd == kConfineRefusedFd) return 0;  // reported; the old script, if any, stays as it is
+    FILE* out = fd >= 0 ? fdopen(fd, "w") : nullptr;
+    if (out == nullptr) {
+        if (fd >= 0) close(fd);
         printMessage("Error creating %s.\n", script);
         return 0;
     }
     fprintf(out, "#!/bin/sh\n\n%s\n", launch);
-    if (fclose(out) != 0) {
-        printMessage("Error creating %s.\n", script);
-        return 0;
-    }
-    chmod(script, 0755);
+    fchmod(fd, 0755);
+    if (fclose(out) != 0) printMessage("Error creating %s.\n", script);
     return 0;
 }

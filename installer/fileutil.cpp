@@ -2,6 +2,7 @@
 // failure with the path concerned, so callers only pass the result on.
 #include "installer/fileutil.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/state.h"
 #include "runtime/path.h"
@@ -77,6 +79,10 @@ int32_t canWritePath(const char* path) {
 }
 
 int32_t copyFile(const char* source, const char* destination) {
+    return copyFileWithin(source, destination, nullptr);
+}
+
+int32_t copyFileWithin(const char* source, const char* destination, const char* root) {
     printVerbose("Copying %s to %s\n", source, destination);
     if (!isReadableFile(source)) {
         printMessage("Insufficient read access to %s.", source);
@@ -91,10 +97,14 @@ int32_t copyFile(const char* source, const char* destination) {
         printMessage("Cannot open copy source file %s.", source);
         return 1;
     }
-    FILE* out = fopen(destination, "wb");
+    int fd = root != nullptr ? openConfined(root, destination, O_WRONLY | O_CREAT | O_TRUNC, 0666)
+                             : open(destination, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    FILE* out = fd >= 0 ? fdopen(fd, "wb") : nullptr;
     if (out == nullptr) {
         fclose(in);
-        printMessage("Cannot open copy destination file %s.", destination);
+        if (fd >= 0) close(fd);
+        // A refusal has said why; nothing was opened.
+        if (fd != kConfineRefusedFd) printMessage("Cannot open copy destination file %s.", destination);
         return 1;
     }
 
@@ -110,8 +120,11 @@ int32_t copyFile(const char* source, const char* destination) {
         }
     }
     fclose(in);
+    // The mode is set through a descriptor of the file written, not by name again.
+    int keep = dup(fd);
     // Buffered data reaches the disk only here: a full disk shows at the close.
     if (fclose(out) != 0) {
+        if (keep >= 0) close(keep);
         printMessage("Cannot write to %s from %s. Please check disk space.", destination, source);
         return 1;
     }
@@ -121,9 +134,10 @@ int32_t copyFile(const char* source, const char* destination) {
     if (getFileMode(source, &mode) != 0) {
         printMessage("Warning: Cannot get permission bits from %s.", source);
         printMessage("Warning: Cannot set permission bits for %s.", destination);
-    } else if (chmod(destination, static_cast<mode_t>(mode & 07777)) != 0) {
+    } else if (keep < 0 || fchmod(keep, static_cast<mode_t>(mode & 07777)) != 0) {
         printMessage("Warning: Cannot set permission bits for %s.", destination);
     }
+    if (keep >= 0) close(keep);
     return 0;
 }
 

@@ -10,6 +10,9 @@ int32_t getFileMode(const char* path, uint32_t* mode);
 int32_t isReadableFile(const char* path);
 int32_t canWritePath(const char* path);
 int32_t copyFile(const char* source, const char* destination);
+// copyFile whose destination is reached from root without a link that leads out of it (confine.h);
+// a refused destination is reported as such. A null root is copyFile.
+int32_t copyFileWithin(const char* source, const char* destination, const char* root);
 int32_t makeDirectory(const char* path, uint32_t mode);
 int32_t makeDirectoryTree(const char* path);
 int32_t ensureDirectory(const char* path, int32_t ask);

@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "installer/confine.h"
 #include "installer/console.h"
+#include "installer/fileutil.h"
 #include "installer/shellcmd.h"
 #include "installer/state.h"
 #include "runtime/path.h"
@@ -20,9 +22,19 @@ enum { kCommandSize = 4 * kDistribDirSize + 16 };
 int32_t createLinks() {
     const char* const linkPath = "bin/cvt";
     const char* const target = "cvtw";  // relative: resolves beside the link in bin
-    unlink(linkPath);                   // an older link or file of that name goes
+    // The bin directory is opened from the installation directory: a "bin" that leads out of it is
+    // refused, not written into. Without a bin directory the link cannot be made.
+    char fullPath[kPathSize];
+    ConfinedPath bin;
+    ConfineResult where = formatPath(fullPath, "%s%s", gState.installDir, linkPath) == 0
+                              ? confinePath(gState.installDir, fullPath, false, &bin)
+                              : kConfineFailed;
+    if (where == kConfineRefused) return 1;
+    if (where == kConfineOk) unlinkat(bin.dirFd, bin.leaf, 0);  // an older link or file of that name goes
     printVerbose("Linking %s to %s\n", linkPath, target);
-    if (symlink(target, linkPath) != 0) {
+    bool made = where == kConfineOk && symlinkat(target, bin.dirFd, bin.leaf) == 0;
+    if (where == kConfineOk) releaseConfined(&bin);
+    if (!made) {
         printMessage("Cannot create symbolic link %s to %s.", linkPath, target);
         return 1;
     }

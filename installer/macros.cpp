@@ -13,6 +13,7 @@
 #include <cstring>
 #include <vector>
 
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/fileutil.h"
 #include "installer/shellcmd.h"
@@ -144,6 +145,12 @@ int32_t compileMacros() {
     strCopyBounded(listPath, gState.installDir, kPathSize);
     strAppendBounded(listPath, "cmacros.lst", kPathSize);
     printVerbose("Checking macro list: macroListFile=%s\n", listPath);
+    // The translator writes the compiled macros where it is told to, and is run from the bin
+    // directory: neither may lie behind a link that leads out of the installation.
+    if (checkConfined(gState.installDir, gState.macrosDir, true) != 0 ||
+        checkConfined(gState.installDir, gState.binDir, true) != 0) {
+        return 1;
+    }
     struct stat info;
     if (stat(listPath, &info) == 0 && compileMacroList(listPath, static_cast<int32_t>(info.st_size)) == 0)
         return 0;

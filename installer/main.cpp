@@ -9,6 +9,7 @@
 #include "installer/console.h"
 #include "installer/eclipse.h"
 #include "installer/installdir.h"
+#include "installer/instlock.h"
 #include "installer/links.h"
 #include "installer/locate.h"
 #include "installer/macros.h"
@@ -27,6 +28,8 @@ static int32_t runChain() {
     if (gState.answers.acceptEula != 1 && showEula() != 0) return 1;
     if (gState.pluginMode == 1 && queryEclipseLocation() != 0) return 1;
     if (queryInstallDirectory() != 0) return 1;
+    // From here on the run writes into the settled directory: a second run into it stops here.
+    if (lockInstallDirectory() != 0) return 1;
     if (checkDiskSpace() != 0) return 1;
     if (gState.pluginMode != 1) backUpOldConfiguration();
     if (unpackDistribution() != 0) return 1;

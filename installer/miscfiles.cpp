@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/fileutil.h"
 #include "installer/state.h"
@@ -102,7 +103,9 @@ int32_t updateAliasFile() {
         moveByLink(shipped, alias);
         return 0;
     }
-    int fd = open(alias, O_RDWR);
+    // The user's alias file is extended in place, and only where it lies in the installation.
+    int fd = openConfined(gState.installDir, alias, O_RDWR, 0);
+    if (fd == kConfineRefusedFd) return 1;
     if (fd >= 0) {
         size_t length = 0;
         char* content = readBehindLineFeed(fd, &length);
@@ -128,10 +131,10 @@ int32_t createProjectFile() {
     formatPath(project, "%suproject.crv", gState.installDir);
     printVerbose("Creating uproject.crv: file=%s\n", project);
     if (pathExists(project)) return 0;
-    int fd = open(project, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    int fd = openConfined(gState.installDir, project, O_RDWR | O_CREAT | O_TRUNC, 0644);
     if (fd < 0) return 0;
+    fchmod(fd, 0666);
     close(fd);
-    chmod(project, 0666);
     return 0;
 }
 
@@ -139,13 +142,16 @@ int32_t createEnvironmentIni() {
     char ini[kPathSize];
     formatPath(ini, "%scorv.ini", gState.binDir);
     printVerbose("Creating corv.ini: file=%s\n", ini);
-    FILE* out = fopen(ini, "w");
-    if (out == nullptr) return 1;
+    int fd = openConfined(gState.installDir, ini, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    FILE* out = fd >= 0 ? fdopen(fd, "w") : nullptr;
+    if (out == nullptr) {
+        if (fd >= 0) close(fd);
+        return 1;
+    }
     for (const char* line : kEnvironmentIni) fprintf(out, "%s\n", line);
+    fchmod(fd, 0644);
     // A full disk shows when the buffered lines are written out at the close.
-    if (fclose(out) != 0) return 1;
-    chmod(ini, 0644);
-    return 0;
+    return fclose(out) != 0 ? 1 : 0;
 }
 
 int32_t updateMiscFiles() {
@@ -163,7 +169,7 @@ int32_t updateMiscFiles() {
     char rescue[kPathSize];
     formatPath(state, "%scorv.stu", gState.installDir);
     formatPath(rescue, "%srescue.stu", gState.installDir);
-    if (copyFile(state, rescue) != 0) return 1;
+    if (copyFileWithin(state, rescue, gState.installDir) != 0) return 1;
     timestampInstallation();
     return 0;
 }

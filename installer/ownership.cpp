@@ -16,6 +16,10 @@ enum { kCommandSize = 4 * kPathSize + 32 };
 
 }  // namespace
 
+// Nothing needs checking before these commands run: chown -R and chgrp -R without -H or -L walk the
+// tree physically and change a symbolic link itself, never what it points to (tried with GNU
+// coreutils 9.1 as root: a link in the tree to a file of uid 65534 outside, or to a directory there,
+// leaves their owner and group as they were). The installation directory itself is the user's choice.
 int32_t updateOwnership() {
     uid_t user = getuid();
     if (user != 0) return static_cast<int32_t>(user);

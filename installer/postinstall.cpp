@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/eclipse.h"
 #include "installer/fileutil.h"
@@ -21,6 +22,8 @@ void startEditor() {
     printf("Please wait for Corvane to come up...\n");
     char tagFiles[kPathSize];
     formatPath(tagFiles, "%stagfiles", gState.installDir);
+    // The editor writes its tag files there: not through a link that leads out of the installation.
+    if (checkConfined(gState.installDir, tagFiles, true) != 0) return;
     if (!pathExists(tagFiles)) makeDirectory(tagFiles, 0755);
 
     char command[kCommandSize];

@@ -4,11 +4,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include <cstring>
 
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/fileutil.h"
 #include "installer/state.h"
@@ -36,17 +37,29 @@ int32_t touchFile(const char* directory, const char* name) {
     strCopyBounded(path, directory, kPathSize);
     appendSlash(path);
     strAppendBounded(path, name, kPathSize);
-    if (!pathExists(path)) {
+    // Every file touched lies in the installation; a link that leads out of it is not followed.
+    ConfinedPath confined;
+    ConfineResult result = confinePath(gState.installDir, path, true, &confined);
+    if (result == kConfineRefused) return 1;
+    if (result != kConfineOk) return 0;  // a missing directory: nothing to create, as below
+    int32_t status = 0;
+    struct stat info;
+    if (fstatat(confined.dirFd, confined.leaf, &info, AT_SYMLINK_NOFOLLOW) != 0) {
         // A creation that fails goes unnoticed here; whoever needs the file finds out.
-        int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int fd = openat(confined.dirFd, confined.leaf, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                        0644);
         if (fd >= 0) close(fd);
-        return 0;
+    } else {
+        status = utimensat(confined.dirFd, confined.leaf, nullptr, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : 1;
     }
-    return utime(path, nullptr) == 0 ? 0 : 1;
+    releaseConfined(&confined);
+    return status;
 }
 
 int32_t timestampFiles(const char* directory, const char* extension1, const char* extension2,
                        const char* exactName) {
+    // A directory reached through a link out of the installation is not the installation's.
+    if (checkConfined(gState.installDir, directory, true) != 0) return 1;
     DIR* dir = opendir(directory);
     if (dir == nullptr) {
         printMessage("Cannot open convert files in directory %s.", directory);

@@ -8,11 +8,13 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "installer/console.h"
 #include "installer/eclipse.h"
 #include "installer/ownership.h"
 #include "installer/shellcmd.h"
+#include "installer/specials.h"
 #include "installer/state.h"
 #include "installer/verify.h"
 #include "runtime/path.h"
@@ -96,8 +98,17 @@ int32_t unpackDistribution() {
         printMessage("Missing distribution file %s.", archive);
         return 1;
     }
+    // The coarse clock is the one the kernel stamps new files with: whatever tar makes from here on
+    // has a status change time at or after this one.
+    struct timespec unpackStart;
+    clock_gettime(CLOCK_REALTIME_COARSE, &unpackStart);
     if (extractArchive(archive, nullptr, nullptr) != 0) {
         printMessage("Cannot unpack distribution.");
+        return 1;
+    }
+    // Device nodes, FIFOs and sockets from the package go at once, before anything reads the tree.
+    if (removeSpecialFiles(gState.installDir, unpackStart) != 0) {
+        printMessage("Error detected in distribution.");
         return 1;
     }
     if (gState.skipVerification) {

@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "installer/bytesum.h"
+#include "installer/confine.h"
 #include "installer/console.h"
 #include "installer/state.h"
 #include "runtime/path.h"
@@ -73,15 +74,20 @@ int32_t readListRecord(FILE* list, char* line, ListRecord* record) {
 
 namespace {
 
-// Checks one record; 0 when it matches, 1 after reporting the mismatch.
-int32_t checkRecord(const ListRecord& record) {
+// Checks one record; 0 when it matches, 1 after reporting the mismatch. installReal is the
+// canonical installation directory.
+int32_t checkRecord(const ListRecord& record, const char* installReal) {
     char fullPath[kPathSize];
     int n = snprintf(fullPath, sizeof(fullPath), "%s%s", gState.installDir, record.path);
     if (n < 0 || n >= static_cast<int>(sizeof(fullPath))) {
         printMessage("Error detected in %s%s. The name is too long.", gState.installDir, record.path);
         return 1;
     }
-    if (listNameLeavesDir(record.path)) {
+    // A name can also leave through a link that the package brought ("up" -> "/"): where the kernel
+    // resolves it to counts, not how it is spelt.
+    char real[PATH_MAX];
+    if (listNameLeavesDir(record.path) ||
+        (realpath(fullPath, real) != nullptr && !isBelowRoot(installReal, real))) {
         printMessage("Error detected in %s. The name leaves the installation directory.", fullPath);
         return 1;
     }
@@ -92,6 +98,11 @@ int32_t checkRecord(const ListRecord& record) {
     struct stat info;
     if (stat(fullPath, &info) != 0) {
         printMessage("Cannot get stat information on %s.", fullPath);
+        return 1;
+    }
+    // Reading a FIFO would wait for ever and reading a device would read the device.
+    if (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) {
+        printMessage("Error detected in %s. It is a FIFO or a device, not a regular file.", fullPath);
         return 1;
     }
     if (static_cast<long long>(record.size) != static_cast<long long>(info.st_size)) {
@@ -126,7 +137,8 @@ uint32_t fileChecksum(const char* path, int32_t size) {
             return 0xFFFFFFFFu;
         }
     }
-    int fd = open(path, O_RDONLY);
+    // Never waits for a writer, never takes a terminal, whatever the name turns out to be.
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
         printMessage("Cannot open file %s", path);
         return 0xFFFFFFFFu;
@@ -158,6 +170,9 @@ int32_t verifyDistribution() {
         return -1;
     }
     const uint32_t totalBytes = static_cast<uint32_t>(info.st_size);
+    char installReal[PATH_MAX];
+    if (realpath(gState.installDir, installReal) == nullptr)
+        strCopyBounded(installReal, gState.installDir, PATH_MAX);
 
     // The list is kept under a name that says when it was checked.
     time_t now = time(nullptr);
@@ -180,7 +195,7 @@ int32_t verifyDistribution() {
             printProgress("   %d%%", static_cast<int>(percent));
         }
         if (record.size == 0 && record.checksum == 0) continue;
-        if (checkRecord(record) != 0) {
+        if (checkRecord(record, installReal) != 0) {
             result = -1;
             break;
         }
