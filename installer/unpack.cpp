@@ -14,7 +14,7 @@
 #include "installer/eclipse.h"
 #include "installer/ownership.h"
 #include "installer/shellcmd.h"
-#include "installer/specials.h"
+#include "installer/nodesweep.h"
 #include "installer/state.h"
 #include "installer/verify.h"
 #include "runtime/path.h"

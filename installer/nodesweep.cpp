@@ -1,5 +1,5 @@
 // The sweep after unpacking: a walk over the installation directory that never follows a link.
-#include "installer/specials.h"
+#include "installer/nodesweep.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
