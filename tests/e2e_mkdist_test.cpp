@@ -25,7 +25,7 @@ E2E_CASES(Mkdist,
                0,
                {"=" + kList + "\n"},
                {"test -s one/cvpack && cmp one/cvpack two/cvpack && cmp fresh/cvinst \"$I\"",
-                "[ \"$(ls fresh | xargs)\" = 'SHA256SUMS cdinst.cvb cvinst cvpack license.txt' ] && "
+                "[ \"$(ls fresh | xargs)\" = 'SHA256SUMS cdinst.cvb cvcheck cvinst cvpack license.txt' ] && "
                 "cmp fresh/cdinst.cvb \"$MSG\"",
                 "[ $(stat -c %a fresh/cvinst) = 755 ] && cmp fresh/license.txt \"$P/license.txt\""}},
           // Members are relative names, and the top directory is none of them, so unpacking leaves the
@@ -36,9 +36,9 @@ E2E_CASES(Mkdist,
                "--out 'out dir' && mkdir x && tar -xzf 'out dir/cvpacku' -C x && tar -tzf 'out dir/cvpacku'",
                "",
                0,
-               {"!./", "^distribfilelist\n", "abc.txt\n", "bin/\n", "bin/all bytes\n", "deep/\n",
-                "deep/er/\n", "deep/er/z\n", "empty\n", "emptydir/\n", "link\n", "!\n"},
-               {"[ \"$(ls 'out dir' | xargs)\" = 'SHA256SUMS cvpacku' ] && "
+               {"!./", "^distribfilelist\ndistribsha256\n", "abc.txt\n", "bin/\n", "bin/all bytes\n",
+                "deep/\n", "deep/er/\n", "deep/er/z\n", "empty\n", "emptydir/\n", "link\n", "!\n"},
+               {"[ \"$(ls 'out dir' | xargs)\" = 'SHA256SUMS cvcheck cvpacku' ] && "
                 "[ \"$(cat x/distribfilelist)\" = " +
                     shq(kList) + " ]",
                 "[ $(cat x/abc.txt) = abc ] && cmp 'x/bin/all bytes' 'pay load/bin/all bytes'",

@@ -171,7 +171,7 @@ E2E_CASES(
         "\"$MK\" --help | head -1",
         "",
         0,
-        {"^SHA256SUMS\ncvpack\nusage: cvmkdist --payload DIR", kLacksSideFiles,
+        {"^SHA256SUMS\ncvcheck\ncvpack\nusage: cvmkdist --payload DIR", kLacksSideFiles,
          "cvmkdist: warning: the distribution lacks:\n", "o/x.run would lie in the distribution directory",
          "cvmkdist: --self-extracting needs --installer"},
         {"! test -e o/x.run"}});

@@ -22,8 +22,8 @@ const SideFile kSideFiles[] = {
     {&MkdistOptions::installer, "--installer", "cvinst", 0755, "the installer", true},
     {&MkdistOptions::messages, "--messages", "cdinst.cvb", 0644, "the message file", true},
     {&MkdistOptions::license, "--license", "license.txt", 0644, "the licence text", true},
-    // The installation checker; a distribution without it still installs.
-    {&MkdistOptions::checker, "--checker", "cvcheck", 0755, "the installation checker", false},
+    // The installation checker, by default the one beside cvmkdist.
+    {&MkdistOptions::checker, "--checker", "cvcheck", 0755, "the installation checker", true},
 };
 
 }  // namespace

@@ -1,6 +1,9 @@
 // Options of cvmkdist: a table of the options that take a value, and the help text.
 #include "tools/mkdist_options.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -14,14 +17,10 @@ struct ValueOption {
     std::string MkdistOptions::*field;
 };
 const ValueOption kValueOptions[] = {
-    {"--payload", &MkdistOptions::payload},
-    {"--package", &MkdistOptions::package},
-    {"--out", &MkdistOptions::out},
-    {"--installer", &MkdistOptions::installer},
-    {"--messages", &MkdistOptions::messages},
-    {"--license", &MkdistOptions::license},
-    {"--checker", &MkdistOptions::checker},
-    {"--self-extracting", &MkdistOptions::selfExtracting},
+    {"--payload", &MkdistOptions::payload},   {"--package", &MkdistOptions::package},
+    {"--out", &MkdistOptions::out},           {"--installer", &MkdistOptions::installer},
+    {"--messages", &MkdistOptions::messages}, {"--license", &MkdistOptions::license},
+    {"--checker", &MkdistOptions::checker},   {"--self-extracting", &MkdistOptions::selfExtracting},
 };
 
 const char kUsage[] =
@@ -36,10 +35,11 @@ const char kHelp[] =
     "will stand in the installation directory: the package NAME (the payload and its file list\n"
     "distribfilelist and the SHA-256 list distribsha256, gzip-compressed tar), the installer as\n"
     "cvinst, the message file as cdinst.cvb, the licence as license.txt, the installation checker\n"
-    "as cvcheck (--checker, optional), and SHA256SUMS over all of them.\n"
+    "as cvcheck, and SHA256SUMS over all of them.\n"
     "\n"
     "  --package NAME          cvpack, cvpacku or cvpackd (the editor), cvpackep or cvpackepd\n"
     "                          (the Eclipse plug-in)\n"
+    "  --checker FILE          the cvcheck to ship; by default the one beside cvmkdist itself\n"
     "  --self-extracting FILE  also write FILE, one shell script that checks, unpacks and starts\n"
     "                          the distribution (sh FILE --help), and FILE.sha256\n"
     "  --allow-incomplete      build even where the installer, the message file or the licence\n"
@@ -98,5 +98,16 @@ int parseMkdistOptions(int argc, char** argv, MkdistOptions* options) {
         return mkdistFail(
             "'%s' is not a distribution package name (cvpack, cvpacku, cvpackd, cvpackep, cvpackepd)",
             options->package);
+    if (options->checker.empty()) options->checker = checkerBesideProgram();
     return 0;
+}
+
+std::string checkerBesideProgram() {
+    char self[4096];
+    ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (length <= 0) return "";
+    self[length] = '\0';
+    std::string checker = dirName(self) + "/cvcheck";
+    struct stat st;
+    return stat(checker.c_str(), &st) == 0 && S_ISREG(st.st_mode) ? checker : "";
 }
