@@ -105,7 +105,7 @@ check "r0 says why" has r0 'set corvane_accept_license=true to install. Nothing 
 
 play r1 hosts "${yes[@]}" -e corvane_run_file="$t/bad/corvane-demo.run" -e corvane_keyring="$t/key.gpg"
 check "r1 refused" has r1 "The signature $t/bad/corvane-demo.run.sig does not verify with the keyring $t/key.gpg"
-check "r1 the play ends there" has r1 'NO MORE HOSTS LEFT'
+check "r1 the play ends there" has r1 "NO MORE HOSTS LEFT"
 check "r1 no host examined" lacks r1 'Examine the installation'
 for h in h1 h2 h3; do check "r1 $h untouched" [ ! -e "$t/$h" ]; done
 check "r1 nothing sent" [ -z "$(ls -A "$t/.ansible/remote" 2>/dev/null)" ]

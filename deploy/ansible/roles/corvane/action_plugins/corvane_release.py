@@ -1,22 +1,29 @@
-# Checks a Corvane release on the control machine before any host is touched, and describes it
-# for the role:
+# Checks a host's settings and the Corvane release on the control machine before any host is
+# touched, and describes the release for the role:
 #
 #   corvane_release:
-#     source: /srv/corvane/corvane-10.0.run     # or a distribution directory
+#     run_file: /srv/corvane/corvane-10.0.run   # the release, one of the two:
+#     dist_dir: ""                              # or a distribution directory
 #     keyring: /srv/corvane/release-key.gpg     # optional: the signature must verify with it
+#     settings: {state: present, accept_license: true, install_dir: /opt/corvane,
+#                work_dir: /var/tmp/corvane-dist, eclipse_dir: ""}
+#
+# Settings that cannot work (an unknown state, the licence agreement not accepted for present,
+# relative or equal directories) are handed on as "refused": the role then leaves the host alone
+# and reports the reason at the end. Nothing else is looked at for such a host.
 #
 # A self-extracting file FILE must match the SHA-256 in FILE.sha256 beside it; with a keyring,
 # FILE.sig must verify with gpgv against that keyring alone. It is then unpacked with its own
 # --target (which checks its embedded archive too), so that the role can send each host the
 # release's cvcheck. A distribution directory must pass sha256sum -c of its SHA256SUMS (and with
 # a keyring SHA256SUMS.sig must verify); it is packed into one tar file, which is what its hosts
-# receive.
+# receive. A release that fails any of this fails the task (the role makes that end the play).
 #
 # The result: kind (editor or plugin, by the package the installer will take), package,
 # list_sha256 (the SHA-256 of the package's file list, which an installation keeps as its dated
 # list), payload and checker (src, name and sha256 for corvane_ship), start (run or dir).
 #
-# Every host of a play calls this for its own source; the work is done once per source and
+# Every host of a play calls this for its own release; the work is done once per release and
 # ansible-playbook run, and the other hosts read the outcome (a refusal included). It lives in
 # Ansible's private temporary directory on the control machine, which ansible-playbook removes
 # when it ends; a lock serialises the hosts that ask at the same time.
@@ -34,7 +41,7 @@ import tarfile
 import tempfile
 
 import ansible.constants as C
-from ansible.errors import AnsibleActionFail
+from ansible.module_utils.parsing.convert_bool import boolean
 from ansible.plugins.action import ActionBase
 
 # The order in which the installer takes the first package that exists.
@@ -165,16 +172,44 @@ def identity(path, keyring):
     return hashlib.sha256(key.encode('utf-8', 'surrogateescape')).hexdigest()[:32]
 
 
+def settings_problem(settings):
+    """The first thing wrong with a host's settings, or ''."""
+    state = settings.get('state')
+    install = (settings.get('install_dir') or '').rstrip('/')
+    work = (settings.get('work_dir') or '').rstrip('/')
+    eclipse = settings.get('eclipse_dir') or ''
+    if state not in ('present', 'absent', 'verified'):
+        return 'corvane_state must be present, absent or verified, not "%s".' % state
+    if state == 'present' and not boolean(settings.get('accept_license'), strict=False):
+        return ('The Corvane licence agreement has not been accepted: read license.txt in the distribution '
+                'directory and set corvane_accept_license=true to install. Nothing was installed.')
+    if not (install.startswith('/') and work.startswith('/') and install != work):
+        return ('corvane_install_dir and corvane_work_dir must be two different absolute paths, and not / '
+                '(now "%s" and "%s").' % (settings.get('install_dir'), settings.get('work_dir')))
+    if eclipse and not eclipse.startswith('/'):
+        return 'corvane_eclipse_dir must be an absolute path (now "%s").' % eclipse
+    return ''
+
+
 class ActionModule(ActionBase):
     TRANSFERS_FILES = False
-    _VALID_ARGS = frozenset(('source', 'keyring'))
+    _VALID_ARGS = frozenset(('run_file', 'dist_dir', 'keyring', 'settings'))
 
     def run(self, tmp=None, task_vars=None):
         result = super(ActionModule, self).run(tmp, task_vars)
-        source = self._task.args.get('source') or ''
-        keyring = self._task.args.get('keyring') or ''
-        if not source:
-            raise AnsibleActionFail('corvane_release needs a source')
+        args = self._task.args
+        refused = settings_problem(args.get('settings') or {})
+        if refused:
+            result.update(changed=False, refused=refused)
+            return result
+        run_file, dist_dir = args.get('run_file') or '', args.get('dist_dir') or ''
+        keyring = args.get('keyring') or ''
+        if bool(run_file) == bool(dist_dir):
+            result.update(failed=True, msg='Give the release as corvane_run_file (the .run on the control machine) '
+                                           'or as corvane_dist_dir (a distribution directory there), one of the two. '
+                                           + NOTHING_SENT)
+            return result
+        source = run_file or dist_dir
         cache = os.path.join(C.DEFAULT_LOCAL_TMP, 'corvane-release-' + identity(source, keyring))
         os.makedirs(cache, mode=0o700, exist_ok=True)
         with open(os.path.join(cache, 'lock'), 'w') as lock:
@@ -190,7 +225,7 @@ class ActionModule(ActionBase):
         if 'refused' in outcome:
             result.update(failed=True, msg=outcome['refused'])
             return result
-        result.update(outcome, changed=False)
+        result.update(outcome, changed=False, refused='')
         return result
 
     @staticmethod

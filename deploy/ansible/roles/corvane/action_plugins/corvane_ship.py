@@ -28,19 +28,37 @@ import shlex
 from ansible.errors import AnsibleActionFail
 from ansible.plugins.action import ActionBase
 
-# Prints "<hex> <name>" for every file named as an argument, from the directory it runs in.
-DIGEST_SCRIPT = (
-    'for f do '
-    'if command -v openssl >/dev/null 2>&1; then s=$(openssl dgst -sha256 -r "$f") || exit 1; '
-    'else s=$(sha256sum "$f") || exit 1; fi; '
-    'printf "%s %s\\n" "${s%% *}" "$f"; '
-    'done'
-)
+# Checks each file sent against its SHA-256 and, when all match, runs the command. A file that
+# does not match ends the script with DAMAGED and a line "corvane-damaged NAME DIGEST".
+DAMAGED = 97
+CHECK_SCRIPT = r"""
+digest() {
+    if command -v openssl >/dev/null 2>&1; then s=$(openssl dgst -sha256 -r "$1"); else s=$(sha256sum "$1"); fi
+    printf '%s' "${s%% *}"
+}
+check() {
+    found=$(cd "$CORVANE_SENT" && digest "$1") || found=unreadable
+    if [ "$found" != "$2" ]; then
+        printf 'corvane-damaged %s %s\n' "$1" "$found"
+        exit @DAMAGED@
+    fi
+}
+"""
 
 
-def _digest_command(directory, names):
-    return 'cd %s && /bin/sh -c %s corvane-digest %s' % (
-        shlex.quote(directory), shlex.quote(DIGEST_SCRIPT), ' '.join(shlex.quote(n) for n in names))
+def _script(sent, files, cmd, remove, executable):
+    """The one shell script run on the host: check the files, run the command, clean up."""
+    lines = ['CORVANE_SENT=%s' % shlex.quote(sent), 'export CORVANE_SENT']
+    if remove:
+        lines.append("trap 'rm -rf -- \"$CORVANE_SENT\"' EXIT")
+    lines.append(CHECK_SCRIPT.replace('@DAMAGED@', str(DAMAGED)))
+    for item in files:
+        lines.append('check %s %s' % (shlex.quote(item['name']), shlex.quote(item['sha256'].lower())))
+    if executable and files:
+        lines.append('(cd "$CORVANE_SENT" && chmod u+x -- %s) || exit 1'
+                     % ' '.join(shlex.quote(item['name']) for item in files))
+    lines.append('/bin/sh -c %s' % shlex.quote(cmd))
+    return '\n'.join(lines) + '\n'
 
 
 class ActionModule(ActionBase):
@@ -63,14 +81,14 @@ class ActionModule(ActionBase):
         return files, cmd
 
     @staticmethod
-    def _damaged(host, files, digests):
-        """The message for the first file whose digest on the host is not the one given, or None."""
-        for item in files:
-            found = digests.get(item['name'])
-            if found != item['sha256'].lower():
+    def _damaged(host, files, output):
+        """The message for a file that arrived damaged, from the script's report line."""
+        for line in output.splitlines():
+            if line.startswith('corvane-damaged '):
+                _, name, found = (line.split(' ', 2) + ['', ''])[:3]
+                expected = next((i['sha256'].lower() for i in files if i['name'] == name), '?')
                 return ('%s arrived damaged on %s: its SHA-256 there is %s, not %s as released. '
-                        'The transfer failed; nothing was started on this host.'
-                        % (item['name'], host, found or 'unreadable', item['sha256'].lower()))
+                        'The transfer failed; nothing was started on this host.' % (name, host, found, expected))
         return None
 
     def run(self, tmp=None, task_vars=None):
@@ -86,25 +104,26 @@ class ActionModule(ActionBase):
                 raise AnsibleActionFail('corvane_ship: %s is not a file on the control machine' % item['src'])
 
         sent = self._make_tmp_path()
+        # Becoming another unprivileged user, that user cannot remove Ansible's directory: then
+        # Ansible removes it afterwards; otherwise the script does, saving a round trip.
+        unprivileged = self._is_become_unprivileged()
+        removed_by_script = False
         try:
-            remote = [self._connection._shell.join_path(sent, item['name']) for item in files]
-            for item, path in zip(files, remote):
-                self._transfer_file(item['src'], path)
-            if remote:
-                self._fixup_perms2([sent] + remote)
-                check = self._low_level_execute_command(_digest_command(sent, [i['name'] for i in files]))
-                digests = {}
-                for line in check.get('stdout', '').splitlines():
-                    hexdigest, _, name = line.partition(' ')
-                    digests[name] = hexdigest
-                damaged = self._damaged(task_vars.get('inventory_hostname', 'the host'), files, digests)
-                if damaged:
-                    result.update(failed=True, msg=damaged, stderr=check.get('stderr', ''))
-                    return result
-            command = 'CORVANE_SENT=%s /bin/sh -c %s' % (shlex.quote(sent), shlex.quote(cmd))
-            result.update(self._low_level_execute_command(command))
+            for item in files:
+                self._transfer_file(item['src'], self._connection._shell.join_path(sent, item['name']))
+            if unprivileged and files:
+                self._fixup_perms2([sent] + [self._connection._shell.join_path(sent, i['name']) for i in files])
+            script = _script(sent, files, cmd, remove=not unprivileged, executable=not unprivileged)
+            removed_by_script = not unprivileged
+            done = self._low_level_execute_command('/bin/sh -c %s' % shlex.quote(script))
+            damaged = self._damaged(task_vars.get('inventory_hostname', 'the host'), files, done.get('stdout', ''))
+            if done.get('rc') == DAMAGED and damaged:
+                result.update(failed=True, msg=damaged)
+                return result
+            result.update(done)
             result['sent'] = [item['name'] for item in files]
             result['changed'] = False
             return result
         finally:
-            self._remove_tmp_path(sent)
+            if not removed_by_script:
+                self._remove_tmp_path(sent)
