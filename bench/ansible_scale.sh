@@ -36,7 +36,7 @@ command -v gnuplot >/dev/null || { echo "gnuplot not found (bash scripts/setup.s
 # distribution with its .run, which bench/run.sh builds and caches.
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j2 --target dist >/dev/null
-[ -f "$work/full/corvane.run" ] || ROUNDS=1 bash bench/run.sh selfextract >/dev/null
+ROUNDS=1 bash bench/run.sh selfextract >/dev/null   # builds the 142 MB release when its inputs changed
 declare -A run_file=([demo]=$build/corvane-demo.run [full]=$work/full/corvane.run)
 declare -A dist_dir=([demo]=$build/dist [full]=$work/full/dist)
 
@@ -55,6 +55,9 @@ if [ "${BENCH_DISK:-0}" != 1 ] && ! mountpoint -q "$runs"; then
   mount -t tmpfs -o size=12g,mode=0755 cvfleet "$runs" 2>/dev/null || echo "(no tmpfs: hosts on disk)"
 fi
 
+# The new role keeps each release it has checked and unpacked (its cvcheck) in the cache; it is
+# emptied before every first installation, which is when a release is new to the control machine.
+export XDG_CACHE_HOME=$runs/.cache
 export ANSIBLE_CONFIG=$root/deploy/ansible/ansible.cfg ANSIBLE_LOCAL_TEMP=$runs/.control \
   ANSIBLE_REMOTE_TEMP=$runs/.remote ANSIBLE_HOST_KEY_CHECKING=False LC_ALL=C.UTF-8
 
@@ -90,21 +93,22 @@ installers() {  # installers ROLE RELEASE N: the N installations side by side wi
   for ((i = 1; i <= n; i++)); do
     w=$runs/$role/$i/work
     mkdir -p "$w"
+    # (bench/run.sh leaves a setup.ini of its own in the distribution directory)
+    if [ "$role" = before ]; then cp -r "${dist_dir[$rel]}/." "$w/"; fi
     printf '[unattended]\nDestinationDir=%s\nBackupDir=%s\nPostInstall=no\n' "$runs/$role/$i/corvane" \
       "$runs/$role/$i/old" >"$w/setup.ini"
-    [ "$role" = before ] && cp -r "${dist_dir[$rel]}/." "$w/"
   done
   start=$(micros)
   for ((i = 1; i <= n; i++)); do
     w=$runs/$role/$i/work
     if [ "$role" = before ]; then
-      (cd "$w" && printf '\nyes\n' | ./cvinst -cleanup >/dev/null 2>&1) &
+      (cd "$w" && printf '\nyes\n' | ./cvinst -cleanup >"$out/installer-$i.log" 2>&1) &
     else
-      (cd "$w" && printf '\nyes\n' | TMPDIR=$w sh "${run_file[$rel]}" -- -cleanup >/dev/null 2>&1) &
+      (cd "$w" && printf '\nyes\n' | TMPDIR=$w sh "${run_file[$rel]}" -- -cleanup >"$out/installer-$i.log" 2>&1) &
     fi
     pids+=($!)
   done
-  for i in "${pids[@]}"; do wait "$i" || { echo "an installer failed ($role $rel)" >&2; exit 1; }; done
+  for i in "${pids[@]}"; do wait "$i" || { echo "an installer failed ($role $rel), see $out/installer-*.log" >&2; exit 1; }; done
   end=$(micros)
   rm -rf "${runs:?}/$role"
   seconds "$start" "$end"
@@ -121,7 +125,7 @@ for ((r = 1; r <= rounds; r++)); do
       [ $(((r + n) % 2)) -eq 1 ] && order=(after before)
       for role in "${order[@]}"; do
         hosts_of "$role" "$n" >"$runs/$role.ini"
-        rm -rf "${runs:?}/$role"
+        rm -rf "${runs:?}/$role" "$XDG_CACHE_HOME"
         l=$(load) && s=$(play "$role" "$rel" "$n" "$out/last-first.log") && echo "$r $rel $n $role first $s $l" >>"$times"
         grep -q 'changed=0 .*failed=0' "$out/last-first.log" && { echo "first run changed nothing" >&2; exit 1; }
         l=$(load) && s=$(play "$role" "$rel" "$n" "$out/last-rerun.log") && echo "$r $rel $n $role rerun $s $l" >>"$times"

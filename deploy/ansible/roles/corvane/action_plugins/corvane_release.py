@@ -13,9 +13,10 @@
 # and reports the reason at the end. Nothing else is looked at for such a host.
 #
 # A self-extracting file FILE must match the SHA-256 in FILE.sha256 beside it; with a keyring,
-# FILE.sig must verify with gpgv against that keyring alone. It is then unpacked with its own
-# --target (which checks its embedded archive too), so that the role can send each host the
-# release's cvcheck. A distribution directory must pass sha256sum -c of its SHA256SUMS (and with
+# FILE.sig must verify with gpgv against that keyring alone. The first time a release (by that
+# SHA-256) is seen it is unpacked with its own --target (which checks its embedded archive too),
+# and its description and cvcheck, which the role sends each host, are kept in
+# ~/.cache/corvane-ansible/<SHA-256>/ for later runs. A distribution directory must pass sha256sum -c of its SHA256SUMS (and with
 # a keyring SHA256SUMS.sig must verify); it is packed into one tar file, which is what its hosts
 # receive. A release that fails any of this fails the task (the role makes that end the play).
 #
@@ -36,6 +37,7 @@ import hashlib
 import json
 import os
 import re
+import shutil
 import subprocess
 import tarfile
 import tempfile
@@ -127,12 +129,49 @@ def prepare_run_file(path, keyring, work):
     if actual != expected:
         raise Refusal('%s is damaged: its SHA-256 is %s, not %s as %s says. %s'
                       % (path, actual, expected, sums, NOTHING_SENT))
+    release = unpacked_release(path, expected, work)
+    release.update(start='run', payload={'src': path, 'name': os.path.basename(path), 'sha256': expected})
+    return release
+
+
+def release_cache():
+    """Where unpacked releases are kept between runs: ~/.cache/corvane-ansible, or '' when unusable."""
+    root = os.path.join(os.environ.get('XDG_CACHE_HOME') or os.path.expanduser('~/.cache'), 'corvane-ansible')
+    try:
+        os.makedirs(root, mode=0o700, exist_ok=True)
+    except OSError:
+        return ''
+    return root if os.access(root, os.W_OK) else ''
+
+
+def unpacked_release(path, digest, work):
+    """The description of the checked self-extracting file whose SHA-256 is digest, its cvcheck
+    kept in the release cache under that digest: a release is unpacked once, not in every run."""
+    cache = release_cache()
+    kept = os.path.join(cache, digest) if cache else ''
+    if kept and os.path.isfile(os.path.join(kept, 'release.json')):
+        with open(os.path.join(kept, 'release.json')) as stream:
+            release = json.load(stream)
+        if os.path.isfile(release['checker']['src']) and sha256_of(release['checker']['src']) == release['checker']['sha256']:
+            return release
     dist = os.path.join(work, 'dist')
     status, output = run(['sh', path, '--target', dist])
     if status != 0:
         raise Refusal('%s did not unpack: %s. %s' % (path, output, NOTHING_SENT))
     release = describe(dist)
-    release.update(start='run', payload={'src': path, 'name': os.path.basename(path), 'sha256': expected})
+    if not kept:
+        return release
+    # Only what the role needs stays: the description and the checker.
+    staged = tempfile.mkdtemp(dir=cache)
+    os.rename(release['checker']['src'], os.path.join(staged, 'cvcheck'))
+    release['checker']['src'] = os.path.join(kept, 'cvcheck')
+    with open(os.path.join(staged, 'release.json'), 'w') as stream:
+        json.dump(release, stream)
+    shutil.rmtree(kept, ignore_errors=True)
+    try:
+        os.rename(staged, kept)
+    except OSError:  # another run put it there first
+        shutil.rmtree(staged, ignore_errors=True)
     return release
 
 

@@ -7,17 +7,18 @@
 #     cmd: 'sh "$CORVANE_SENT/corvane.run" -- -d'
 #
 # The files go with the connection's own transfer (scp/sftp for ssh) into Ansible's remote
-# temporary directory, without the SHA-1 passes of the copy module on both sides. On the host
-# each one is then digested (openssl when installed, which uses the processor's SHA
+# temporary directory, without the SHA-1 passes of the copy module on both sides. Then one shell
+# script on the host digests each of them (openssl when installed, which uses the processor's SHA
 # instructions, else sha256sum); a file whose SHA-256 is not the one given fails the host with a
-# message naming both, and the command is not run. The command runs with /bin/sh (with become,
-# when the play uses it) and finds the files in $CORVANE_SENT; the directory is removed
-# afterwards. The result holds the command's rc, stdout and stderr like the raw module's; the
+# message naming both, and the command is not run. Otherwise the command runs with /bin/sh (with
+# become, when the play uses it) and finds the files in $CORVANE_SENT, which the script removes
+# when it ends. The result holds the command's rc, stdout and stderr like the raw module's; the
 # task decides with failed_when and changed_when what they mean.
 #
-# Without a module on the host nothing needs Python there, and a task costs one worker on the
-# control machine and a few shell commands on the host. In check mode the action is skipped
-# unless the task says check_mode: false (the role does that for commands that change nothing).
+# Without a module on the host nothing needs Python there, and a host costs one worker on the
+# control machine and three round trips: the temporary directory, the transfer, the script. In
+# check mode the action is skipped unless the task says check_mode: false (the role does that
+# for commands that change nothing).
 from __future__ import absolute_import, division, print_function
 
 __metaclass__ = type
