@@ -177,10 +177,10 @@ set key top left
 set grid
 set xtics (1, 3, 10, 20)
 set yrange [0:*]
-set title "demo release (.run $(($(stat -c %s "${run_file[demo]}") / 1024)) KB)"
+set title "demo release (.run $(($(stat -c %s "${run_file[demo]}") / 1000)) KB)"
 plot "$out/demo-before-first.dat" w lp lw 2 t "before: first install", "$out/demo-after-first.dat" w lp lw 2 t "now: first install", \
      "$out/demo-before-rerun.dat" w lp lw 2 dt 2 t "before: rerun", "$out/demo-after-rerun.dat" w lp lw 2 dt 2 t "now: rerun"
-set title "142 MB bench release (.run $(($(stat -c %s "${run_file[full]}") / 1048576)) MB)"
+set title "142 MB bench release (.run $(($(stat -c %s "${run_file[full]}") / 1000000)) MB)"
 plot "$out/full-before-first.dat" w lp lw 2 t "before: first install", "$out/full-after-first.dat" w lp lw 2 t "now: first install", \
      "$out/full-before-rerun.dat" w lp lw 2 dt 2 t "before: rerun", "$out/full-after-rerun.dat" w lp lw 2 dt 2 t "now: rerun"
 unset multiplot
