@@ -65,6 +65,8 @@ def decide(args, release, found):
         why = 'no verified installation there: %s' % verify['reason']
     elif verify.get('exit') != 0:
         why = '%d installed files differ: %s' % (len(drift), ', '.join(drift[:5]))
+    elif 'list_sha256' not in verify:
+        why = "the release's cvcheck does not name the SHA-256 of the list it checked (it is older than that)"
     elif verify.get('list_sha256') != release.get('list_sha256'):
         why = 'another release is installed there'
     elif first not in ('link ok', 'link n/a'):

@@ -49,6 +49,8 @@ from ansible.plugins.action import ActionBase
 # The order in which the installer takes the first package that exists.
 PACKAGES = ('cvpackd', 'cvpackepd', 'cvpacku', 'cvpackep', 'cvpack')
 NOTHING_SENT = 'Nothing was sent to any host.'
+# The form of the descriptions kept in the release cache; one of another form is made anew.
+CACHE_FORM = 1
 
 
 class Refusal(Exception):
@@ -152,7 +154,9 @@ def unpacked_release(path, digest, work):
     if kept and os.path.isfile(os.path.join(kept, 'release.json')):
         with open(os.path.join(kept, 'release.json')) as stream:
             release = json.load(stream)
-        if os.path.isfile(release['checker']['src']) and sha256_of(release['checker']['src']) == release['checker']['sha256']:
+        checker = release.get('checker', {}).get('src', '')
+        if (release.get('form') == CACHE_FORM and os.path.isfile(checker)
+                and sha256_of(checker) == release['checker']['sha256']):
             return release
     dist = os.path.join(work, 'dist')
     status, output = run(['sh', path, '--target', dist])
@@ -162,6 +166,7 @@ def unpacked_release(path, digest, work):
     if not kept:
         return release
     # Only what the role needs stays: the description and the checker.
+    release['form'] = CACHE_FORM
     staged = tempfile.mkdtemp(dir=cache)
     os.rename(release['checker']['src'], os.path.join(staged, 'cvcheck'))
     release['checker']['src'] = os.path.join(kept, 'cvcheck')
