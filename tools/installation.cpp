@@ -117,7 +117,10 @@ int locate(Installation* inst, std::string* why) {
 
 int readFileList(Installation* inst, std::string* why) {
     int fd = openat(inst->installFd, inst->listName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    FILE* list = fd >= 0 ? fdopen(fd, "r") : nullptr;
+    char digest[kSha256HexSize];
+    if (fd >= 0 && sha256Descriptor(fd, digest) == 0 && lseek(fd, 0, SEEK_SET) == 0)
+        inst->listSha256 = digest;
+    FILE* list = fd >= 0 && !inst->listSha256.empty() ? fdopen(fd, "r") : nullptr;
     if (list == nullptr) {
         *why = "cannot read " + inst->install + inst->listName + ": " + strerror(errno);
         if (fd >= 0) close(fd);

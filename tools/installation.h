@@ -31,7 +31,8 @@ struct Installation {
     std::string root;     // plug-in mode: the plug-in root, ending in "/"
     bool plugin = false;
     int dirFd = -1, installFd = -1, layoutFd = -1;
-    std::string listName;  // the newest dated list, in the installation directory
+    std::string listName;    // the newest dated list, in the installation directory
+    std::string listSha256;  // its SHA-256: the same release has the same list
     bool sha256List = false;
     std::vector<ListedFile> files;
 };

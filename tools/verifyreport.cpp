@@ -125,6 +125,7 @@ void printVerifyJson(const VerifyReport& report) {
     putPath(&document, "installation", inst.install);
     document["plugin"] = inst.plugin;
     document["list"] = inst.listName;
+    document["list_sha256"] = inst.listSha256;
     document["check"] = inst.sha256List ? "sha256" : "bytesum";
     document["status"] = status == 0 ? "clean" : status == 1 ? "differs" : "unreadable";
     document["exit"] = status;
