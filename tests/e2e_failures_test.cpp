@@ -49,7 +49,8 @@ E2E_CASES(
          "printf '\\nyes\\n%s\\nn\\n' $(cat loc) >in && pl/cvinst -d <in",
          "",
          1,
-         {"!beside", "\n***\nThe Eclipse location is not valid: '$S/m/"}},
+         {"!beside", "\n***\nThe Eclipse location is not valid: '/tmp/cvinst-e2e.\n",
+          "/x/eclipse/'\ndoes not exist.\n"}},
     Case{"link_file_in_the_way",
          kEclipse + " && mkdir -p ide/eclipse/links/com.corvane.eclipse.plugin.link",
          "pl/cvinst -d",
@@ -192,5 +193,5 @@ E2E_CASES(
          "for m in missing bad plain; do $m/cvinst -d <<<$'\\nyes\\n\\nn'; done",
          "",
          1,
-         {"\n***\nUnable to open message file '$S/missing/cdinst.cvb' not found\n***\n",
+         {"\n***\nUnable to open message file '/tmp/cvinst-e2e.\n", "/missing/cdinst.cvb' not found\n***\n",
           "\n***\nMessage file '$S/bad/cdinst.cvb' empty\n***\n", "\n***\nUnexpected error.\n***\n"}});

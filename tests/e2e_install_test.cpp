@@ -114,9 +114,13 @@ std::string box(Str text) {
     return "\n***\n" + text + "\n***\n";
 }
 const std::string kPlugName = "my \"plug\" $HOME 'in'", kPlugOdd = "\"$S\"/" + shq(kPlugName);
+// The plug-in distribution is copied into the sandbox, where uid 65534 can read it.
 const std::string kLocked =
-    "mkdir -p mine locked/eclipse && chown 65534 mine && echo >locked/eclipse/.eclipseproduct";
-const std::string kGive = "Give the directory that holds the Eclipse or WebSphere Studio installation.";
+    "mkdir -p mine locked/eclipse && chown 65534 mine && echo >locked/eclipse/.eclipseproduct && "
+    "cp -a \"$B/dist-plugin\" pl";
+// The message file's texts are word-wrapped at 60 columns, a path behind one of its dots: the
+// sandbox "/tmp/cvinst-e2e.XXXXXX" breaks behind "cvinst-e2e.".
+const std::string kGive = "Give the directory that holds the Eclipse or WebSphere\nStudio installation.";
 
 }  // namespace
 
@@ -422,8 +426,8 @@ E2E_CASES(
               kStars + "\n\nWebSphere or Eclipse location []: ",
           box("No Eclipse location was given.\n" + kGive),
           "Try again [Y]? \nWebSphere or Eclipse location []: ",
-          box("The Eclipse location is not valid: '$S/pl/nowhere/eclipse/.eclipseproduct' does not exist.\n" +
-              kGive),
+          "\n***\nThe Eclipse location is not valid: '/tmp/cvinst-e2e.\n",
+          "/pl/nowhere/eclipse/.eclipseproduct' does not exist.\n" + kGive + "\n***\n",
           "Try again [Y]? \nWebSphere or Eclipse location []: \nInstall directory [$S/ide/corvplugin/]: "
           "\nDirectory "
           "$S/ide/corvplugin " +
@@ -467,18 +471,18 @@ E2E_CASES(
              "plugins/com.corvane.core_10.0.0 && test -f plugin.xml && test -f bin/cv && ! test -e eclipse"}},
     Case{"links_dir_cannot_be_made",
          kLocked,
-         "nobody \"$B/dist-plugin/cvinst\" -d",
+         "nobody pl/cvinst -d",
          kOpen + "$S/locked\n$S/mine/r\n\ny\nn\n",
          1,
-         {box("The Eclipse links directory '$S/locked/eclipse/links' could not be created.\nCheck that you "
-              "may write "
-              "to the Eclipse location.") +
-              "Try again [Y]? \n***\nThe Eclipse links directory '",
+         {"\n***\nThe Eclipse links directory '/tmp/cvinst-e2e.\n",
+          "/locked/eclipse/links' could not be created.\nCheck that you may write to the Eclipse "
+          "location.\n***\n"
+          "Try again [Y]? \n***\nThe Eclipse links directory '",
           "!" + kDone},
          {"! test -e locked/eclipse/links"}},
     Case{"links_dir_locked",
          kLocked + " && mkdir locked/eclipse/links",
-         "nobody \"$B/dist-plugin/cvinst\" -d",
+         "nobody pl/cvinst -d",
          kOpen + "$S/locked\n$S/mine/r\n\ny\nn\n",
          1,
          {msg("Insufficient access to create link file. Read/Write access is required for "
