@@ -419,8 +419,10 @@ def run_suite(build, jobs, timeout, budget, labels, every=False):
         out = out.decode(errors="replace")
         summary = SUMMARY.search(out)
         result["total"] += int(summary.group(3)) if summary else 0
-        result["failed"] += re.findall(r"Test\s+#\d+: (\S+) \.+\s*\*+(?:Failed|Timeout|Exception|Not Run)", out)
-        result["timeouts"] += re.findall(r"Test\s+#\d+: (\S+) \.+\s*\*+Timeout", out)
+        # A parameterised test's name is followed by "# GetParam() = <value>".
+        name = r"Test\s+#\d+: (\S+)(?:\s+# GetParam\(\) = \S+)? \.+\s*\*+"
+        result["failed"] += re.findall(name + "(?:Failed|Timeout|Exception|Not Run)", out)
+        result["timeouts"] += re.findall(name + "Timeout", out)
         result["output"] += out
         result["status"] = result["status"] or proc.returncode
         if proc.returncode != 0 and not every:
