@@ -15,20 +15,30 @@ namespace {
 // Set before main so that it is part of the environment snapshot, whenever that is taken.
 const bool gProbeSet = setenv("CVRT_PATHTEST_PROBE", "a=b=c", 1) == 0;
 
+std::string extension(const char* path, int32_t size) {
+    char out[8] = "keep";
+    pathExtension(path, out, size);
+    return out;
+}
+
 TEST(PathText, LastCharacterPartsAndEnvironment) {
-    EXPECT_TRUE(pathLastChar("") == 32 && pathLastChar("/usr/") == 47 && pathLastChar("abc") == 'c');
+    EXPECT_EQ(pathLastChar(""), ' ');
+    EXPECT_EQ(pathLastChar("/usr/"), '/');
+    EXPECT_EQ(pathLastChar("abc"), 'c');
     // The extension of the last name only, nothing without room; the name without its directory.
-    char keep[8] = "keep", ext[8], dot[8], name[32] = "/usr/lib.d/libx.so";
-    pathExtension(name, keep, 0), pathExtension("/a.b/c", ext, sizeof ext), pathExtension("/a.b/c.d", dot, 8);
+    EXPECT_EQ(extension("/a.b/c.d", 0), "keep");
+    EXPECT_EQ(extension("/a.b/c", 8), "");
+    EXPECT_EQ(extension("/a.b/c.d", 8), ".d");
+    char name[32] = "/usr/lib.d/libx.so";
     pathPart(name, 'P');
-    EXPECT_TRUE(!strcmp(keep, "keep") && !strcmp(ext, "") && !strcmp(dot, ".d") && !strcmp(name, "libx.so"));
+    EXPECT_STREQ(name, "libx.so");
     // The snapshot is taken at the first look-up; its first entry counts like any other.
     std::string first = environ[0];
     EXPECT_STREQ(envGet(first.substr(0, first.find('=')).c_str()), first.c_str() + first.find('=') + 1);
     ASSERT_TRUE(gProbeSet);
     EXPECT_STREQ(envGet("CVRT_PATHTEST_PROBE"), "a=b=c");
-    for (const char* name : {"CVRT_PATHTEST_PROB", "CVRT_PATHTEST_PROBE=", "cvrt_pathtest_probe", ""})
-        EXPECT_EQ(envGet(name), nullptr) << name;
+    for (const char* unknown : {"CVRT_PATHTEST_PROB", "CVRT_PATHTEST_PROBE=", "cvrt_pathtest_probe", ""})
+        EXPECT_EQ(envGet(unknown), nullptr) << unknown;
 }
 
 std::string physicalCwd() {
@@ -41,24 +51,26 @@ std::string physicalCwd() {
 class PathTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char name[] = "/tmp/cvrt_path_XXXXXX", real[PATH_MAX];
-        ASSERT_TRUE(mkdtemp(name) && realpath(name, real));
+        char name[] = "/tmp/cvrt_path_XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        char real[PATH_MAX];
+        ASSERT_NE(realpath(name, real), nullptr);
         tmp_ = real;
         start_ = physicalCwd();
-        const std::string make =
-            "cd " + tmp_ +
-            " && mkdir real sub a b empty full d1 d2 d2/tool d3 d4"
-            " && touch t b/file full/f target d1/tool d3/tool d4/c d4/cc d4/tool"
-            " && chmod 700 d3/tool && chmod 755 d4/c d4/cc d4/tool && ln -s " +
-            tmp_ +
-            "/real link"
-            " && ln -s sub sublink && ln -s ../b/file a/link && ln -s real dirlink && ln -s loop2 loop1"
-            " && ln -s loop1 loop2 && for n in 7 8; do t=target;"
-            " for i in $(seq $n -1 1); do ln -s $t chain${n}_$i; t=chain${n}_$i; done; done";
+        const std::string make = "cd " + tmp_ + " && mkdir real sub a b empty full d1 d2 d2/tool d3 d4" +
+                                 " && touch t b/file full/f target d1/tool d3/tool d4/c d4/cc d4/tool" +
+                                 " && chmod 700 d3/tool && chmod 755 d4/c d4/cc d4/tool && ln -s " + tmp_ +
+                                 "/real link" +
+                                 " && ln -s sub sublink && ln -s ../b/file a/link && ln -s real dirlink" +
+                                 " && ln -s loop2 loop1 && ln -s loop1 loop2" +
+                                 " && for n in 7 8; do t=target; for i in $(seq $n -1 1); do ln -s $t "
+                                 "chain${n}_$i; t=chain${n}_$i; "
+                                 "done; done";
         ASSERT_EQ(system(make.c_str()), 0);
     }
     void TearDown() override {
-        EXPECT_TRUE(changeDirectory(start_.c_str()) == 0 && physicalCwd() == start_);
+        EXPECT_EQ(changeDirectory(start_.c_str()), 0);
+        EXPECT_EQ(physicalCwd(), start_);
         EXPECT_EQ(system(("rm -rf " + tmp_).c_str()), 0);
     }
     // "@" in text stands for the temporary directory.
@@ -68,7 +80,7 @@ protected:
         for (char c : text) out += c == '@' ? tmp_ : std::string(1, c);
         return out;
     }
-    std::string current(int logical) {
+    static std::string current(int logical) {
         char out[512];
         EXPECT_EQ(getCurrentDirectory(out, 0, logical), 0);
         return out;
@@ -78,24 +90,35 @@ protected:
 
 TEST_F(PathTest, CurrentDirectoryExistenceAndRemoval) {
     ASSERT_EQ(changeDirectory(at("link/").c_str()), 0);
-    EXPECT_TRUE(physicalCwd() == at("real") && current(0) == at("real") && current(1) == at("link"));
+    EXPECT_EQ(physicalCwd(), at("real"));
+    EXPECT_EQ(current(0), at("real"));
+    EXPECT_EQ(current(1), at("link"));
     // A failed change keeps both directories.
-    EXPECT_TRUE(changeDirectory(at("missing").c_str()) == -2 && changeDirectory(at("target").c_str()) == -3);
-    EXPECT_TRUE(current(1) == at("link") && physicalCwd() == at("real"));
-    EXPECT_TRUE(changeDirectory("../real/.") == 0 && current(1) == at("real"));
+    EXPECT_EQ(changeDirectory(at("missing").c_str()), -2);
+    EXPECT_EQ(changeDirectory(at("target").c_str()), -3);
+    EXPECT_EQ(current(1), at("link"));
+    EXPECT_EQ(physicalCwd(), at("real"));
+    EXPECT_EQ(changeDirectory("../real/."), 0);
+    EXPECT_EQ(current(1), at("real"));
     ASSERT_EQ(chdir(tmp_.c_str()), 0);  // a chdir behind the library's back is noticed
-    EXPECT_TRUE(current(0) == tmp_ && current(1) == tmp_);
+    EXPECT_EQ(current(0), tmp_);
+    EXPECT_EQ(current(1), tmp_);
     // A directory whose physical path does not fit 511 characters, entered by a short link.
     std::string deep = tmp_ + "/" + std::string(250, 'd') + "/" + std::string(250, 'e') + "/f";
-    ASSERT_EQ(system(("mkdir -p " + deep).c_str()) + symlink(deep.c_str(), at("short").c_str()), 0);
-    EXPECT_TRUE(changeDirectory(at("short").c_str()) == 0 && current(1) == at("short"));
+    ASSERT_EQ(system(("mkdir -p " + deep).c_str()), 0);
+    ASSERT_EQ(symlink(deep.c_str(), at("short").c_str()), 0);
+    EXPECT_EQ(changeDirectory(at("short").c_str()), 0);
+    EXPECT_EQ(current(1), at("short"));
     ASSERT_EQ(chdir(tmp_.c_str()), 0);
 
-    EXPECT_TRUE(entryExists("/") == 1 && entryExists("t/") == 1 &&
-                entryExists(at("full/f/below").c_str()) == 0);
-    EXPECT_TRUE(removeDirectory(at("empty/").c_str()) == 0 && entryExists(at("empty").c_str()) == 0);
+    EXPECT_EQ(entryExists("/"), 1);
+    EXPECT_EQ(entryExists("t/"), 1);
+    EXPECT_EQ(entryExists(at("full/f/below").c_str()), 0);
+    EXPECT_EQ(removeDirectory(at("empty/").c_str()), 0);
+    EXPECT_EQ(entryExists(at("empty").c_str()), 0);
     // ENOTEMPTY has no code of its own.
-    EXPECT_TRUE(removeDirectory(at("full").c_str()) == -3 && removeDirectory(at("full/f").c_str()) == -3);
+    EXPECT_EQ(removeDirectory(at("full").c_str()), -3);
+    EXPECT_EQ(removeDirectory(at("full/f").c_str()), -3);
     EXPECT_EQ(removeDirectory(at("missing").c_str()), -2);
 }
 
@@ -127,14 +150,17 @@ TEST_F(PathTest, AbsolutePathsAndLinkResolution) {
         std::string in = expand(r.in);
         int32_t rc =
             r.noFollow < 0 ? pathAbsolute(out, in.c_str()) : pathResolve(out, in.c_str(), r.noFollow);
-        EXPECT_TRUE(rc == 0 && std::string(out) == expand(r.out)) << r.in << " " << r.noFollow << ": " << out;
+        EXPECT_EQ(rc, 0) << r.in << " " << r.noFollow;
+        EXPECT_EQ(out, expand(r.out)) << r.in << " " << r.noFollow;
     }
     // The excursions into other directories leave no trace.
-    EXPECT_TRUE(physicalCwd() == at("sub") && current(1) == at("sublink"));
+    EXPECT_EQ(physicalCwd(), at("sub"));
+    EXPECT_EQ(current(1), at("sublink"));
 }
 
 TEST_F(PathTest, SearchAlongAList) {
-    const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
+    const char* path = getenv("PATH");
+    const std::string savedPath = path != nullptr ? path : "";
     ASSERT_EQ(setenv("PATH", expand("@/d1:@/d3").c_str(), 1), 0);
     ASSERT_EQ(setenv("CVRT_PATHTEST_LIST", expand("@/d2:@/d4").c_str(), 1), 0);
     const int32_t kList = 0x80;  // listName is the list itself
@@ -164,15 +190,17 @@ TEST_F(PathTest, SearchAlongAList) {
         EXPECT_EQ(changeDirectory(at(r.cwd).c_str()), 0);
         std::string name = expand(r.name), list = expand(r.list ? r.list : "");
         int32_t rc = pathSearch(out, name.c_str(), r.list ? list.c_str() : nullptr, r.flags, 512);
-        EXPECT_TRUE(rc == (r.found ? 0 : -2) && std::string(out) == expand(r.found ? r.found : ""))
-            << r.name << " in " << (r.list ? r.list : "PATH") << ": " << rc << " " << out;
+        EXPECT_EQ(rc, r.found ? 0 : -2) << r.name << " in " << (r.list ? r.list : "PATH");
+        EXPECT_EQ(out, expand(r.found ? r.found : "")) << r.name << " in " << (r.list ? r.list : "PATH");
     }
     // A candidate longer than the buffer is skipped, not cut into the name of another file.
     std::string d4 = at("d4");
     int32_t size = static_cast<int32_t>(d4.size()) + 3;  // room for ".../c" but not ".../cc"
     EXPECT_EQ(pathSearch(out, "cc", d4.c_str(), kList, size), -2);
-    EXPECT_TRUE(pathSearch(out, "c", d4.c_str(), kList, size) == 0 && std::string(out) == at("d4/c"));
-    EXPECT_TRUE(pathSearch(out, (d4 + "/cc").c_str(), nullptr, 0, size) == -2 && !*out);  // emptied
+    EXPECT_EQ(pathSearch(out, "c", d4.c_str(), kList, size), 0);
+    EXPECT_EQ(out, at("d4/c"));
+    EXPECT_EQ(pathSearch(out, (d4 + "/cc").c_str(), nullptr, 0, size), -2);
+    EXPECT_STREQ(out, "");  // emptied
     setenv("PATH", savedPath.c_str(), 1);
     unsetenv("CVRT_PATHTEST_LIST");
 }
