@@ -4,28 +4,38 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "installer/state.h"
 #include "runtime/path.h"
 
+namespace {
+
+// The path after one of the editing functions.
+std::string edited(const char* path, void (*edit)(char*)) {
+    char copy[kPathSize];
+    strCopyBounded(copy, path, kPathSize);
+    edit(copy);
+    return copy;
+}
+
 TEST(FileUtil, ParentAndTrailingSlash) {
     // A path, its parent directory, and the path without and with one trailing "/".
     const struct {
         const char *path, *parent, *stripped, *appended;
-    } rows[] = {{"/a/b/c", "/a/b/", "/a/b/c", "/a/b/c/"},
-                {"/a", "/", "/a", "/a/"},
-                {"rel/path", "rel/path", "rel/path", "rel/path/"},
-                {"/", "/", "/", "/"},
-                {"/a/b/", "/a/b/", "/a/b", "/a/b/"},
-                {"", "", "", "/"}};
+    } rows[] = {
+        {"/a/b/c", "/a/b/", "/a/b/c", "/a/b/c/"},
+        {"/a", "/", "/a", "/a/"},
+        {"rel/path", "rel/path", "rel/path", "rel/path/"},
+        {"/", "/", "/", "/"},
+        {"/a/b/", "/a/b/", "/a/b", "/a/b/"},
+        {"", "", "", "/"},
+    };
     for (const auto& row : rows) {
-        char parent[kPathSize], stripped[kPathSize], appended[kPathSize];
-        for (char* copy : {parent, stripped, appended}) strCopyBounded(copy, row.path, kPathSize);
-        cutToParentDir(parent), stripTrailingSlash(stripped), appendSlash(appended);
-        EXPECT_TRUE(!strcmp(parent, row.parent) && !strcmp(stripped, row.stripped) &&
-                    !strcmp(appended, row.appended))
-            << row.path << ": " << parent << " " << stripped << " " << appended;
+        EXPECT_EQ(edited(row.path, cutToParentDir), row.parent) << row.path;
+        EXPECT_EQ(edited(row.path, stripTrailingSlash), row.stripped) << row.path;
+        EXPECT_EQ(edited(row.path, appendSlash), row.appended) << row.path;
     }
 }
+
+}  // namespace

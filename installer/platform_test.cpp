@@ -63,10 +63,9 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         {"", "", "", 1, 99, "v", "r"},
         {"", "Linux;-r=6.1.0-13-amd64", "", 0, kOsLinux, "6", "1.0-13-amd64"},
         {"", kSolarisX86, "", 0, kOsIntelSolaris, "5", "8"},
-        {"", "SunOS;-r=5.8;-a=SunOS box 5.8 Generic sun4u sparc SUNW,Ultra-5_10", "", 0, kOsSolaris, "5",
-         "8"},
-        {"", "SunOS;-r=4.1.3;-a=SunOS box 4.1.3 i86", "", 0, kOsSunos, "4",
-         "1.3"},  // release 4 decides first
+        {"", "SunOS;-r=5.8;-a=SunOS box 5.8 Generic sun4u sparc", "", 0, kOsSolaris, "5", "8"},
+        // Release 4 decides first.
+        {"", "SunOS;-r=4.1.3;-a=SunOS box 4.1.3 i86", "", 0, kOsSunos, "4", "1.3"},
         {"", "SunOS", "", 8, 99, "v", "r"},
         {"", "SunOS;-r=5.8", "", 8, 99, "5", "r"},
         {"", "AIX;-v=4;-r=3", "", 0, kOsAix, "4", "3"},
@@ -99,14 +98,16 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         strcpy(gState.osVersion, "v");
         strcpy(gState.osRelease, "r");
         snprintf(gState.osTypeOverride, sizeof(gState.osTypeOverride), "%s", r.override);
-        EXPECT_EQ(detectPlatform(), r.result) << r.override << " " << (r.uname ? r.uname : "no uname");
-        EXPECT_TRUE(gState.osType == r.type && gState.osVersion == r.version && gState.osRelease == r.release)
-            << r.override << " " << (r.uname ? r.uname : "no uname") << ": " << gState.osType << " "
-            << gState.osVersion << " " << gState.osRelease;
+        const std::string what = std::string(r.override) + " " + (r.uname ? r.uname : "no uname");
+        EXPECT_EQ(detectPlatform(), r.result) << what;
+        EXPECT_EQ(gState.osType, r.type) << what;
+        EXPECT_EQ(gState.osVersion, r.version) << what;
+        EXPECT_EQ(gState.osRelease, r.release) << what;
     }
-    EXPECT_TRUE(!strcmp(osDisplayName(kOsLinux), "Linux") &&
-                !strcmp(osDisplayName(kOsDigitalUnix), "Digital Unix"));
-    EXPECT_TRUE(!strcmp(osDisplayName(11), "unknown") && !strcmp(osDisplayName(-1), "unknown"));
+    EXPECT_STREQ(osDisplayName(kOsLinux), "Linux");
+    EXPECT_STREQ(osDisplayName(kOsDigitalUnix), "Digital Unix");
+    EXPECT_STREQ(osDisplayName(11), "unknown");
+    EXPECT_STREQ(osDisplayName(-1), "unknown");
 }
 
 }  // namespace

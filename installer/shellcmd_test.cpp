@@ -13,12 +13,11 @@ TEST(ShellCommand, QuotingLimitsAndStatus) {
         int32_t size;
         const char *format, *arg, *expected;
     } rows[] = {
-        {512, "tar xf - -C %s", "/opt/corvane-10.0/a_b+c,d:e=f@g%h",
-         "tar xf - -C /opt/corvane-10.0/a_b+c,d:e=f@g%h"},
+        {512, "tar xf - -C %s", "/opt/cv-10.0/a_b+c,d:e=f@g%h", "tar xf - -C /opt/cv-10.0/a_b+c,d:e=f@g%h"},
         {512, "echo 100%% %s", "done", "echo 100% done"},
         {512, "ls %s -l", "", "ls  -l"},
-        {512, "touch \"%s\"", "/opt/my dir/it's",
-         "touch \"/opt/my dir/it's\""},  // nothing special inside "..."
+        // Nothing is special inside "...".
+        {512, "touch \"%s\"", "/opt/my dir/it's", "touch \"/opt/my dir/it's\""},
         {512, "cat %s", "/a b", "cat '/a b'"},
         {512, "cat %s", "it's", "cat 'it'\\''s'"},
         {512, "cat \"%s\"", "/x/$HOME", "cat '/x/$HOME'"},
@@ -39,6 +38,8 @@ TEST(ShellCommand, QuotingLimitsAndStatus) {
             << row.expected;
         EXPECT_STREQ(out, row.expected);
     }
+    EXPECT_EQ(runShell("exit 0"), 0);
     int status = runShell("exit 3");
-    EXPECT_TRUE(runShell("exit 0") == 0 && WIFEXITED(status) && WEXITSTATUS(status) == 3);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 3);
 }
