@@ -1,10 +1,9 @@
-// Console primitives a run does not reach or cannot pin down: wrapping, the progress line and
-// field splitting (the questions themselves are asked in every installation).
+// Console primitives a run does not reach or cannot pin down: wrapping and the progress line (the
+// questions themselves are asked in every installation).
 #include "installer/console.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 namespace {
@@ -22,7 +21,7 @@ std::string wrapped(const std::string& text) {
     return out;
 }
 
-TEST(Console, WrapProgressAndFields) {
+TEST(Console, WrapAndProgress) {
     // 144 chunks of 71 characters fill 10224 of the 10239 places: 15 line feeds still fit
     // behind the commas, the rest of the text is printed as it stands.
     std::string chunks, full;
@@ -53,13 +52,6 @@ TEST(Console, WrapProgressAndFields) {
     printBoxed("%s", fieldOf("left|right", 2, '|'));  // the field's text can be handed on
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               s(72, 'p') + "\r50% done" + s(64, ' ') + "\r\n***\nright\n***\n");
-    EXPECT_STREQ(fieldOf("a:b:c", 1, ':'), "a");
-    EXPECT_STREQ(fieldOf("a:b:c", 3, ':'), "c");
-    EXPECT_EQ(fieldOf("a:b:c", 4, ':'), nullptr);
-    EXPECT_EQ(fieldOf("a:b:c", 0, ':'), nullptr);
-    EXPECT_STREQ(fieldOf("a::c", 2, ':'), "");
-    EXPECT_STREQ(fieldOf("Linux 2.4.20-8", 2, ' '), "2.4.20-8");
-    EXPECT_EQ(strlen(fieldOf(s(800, 'f').c_str(), 1, ':')), 511u);
 }
 
 }  // namespace
