@@ -427,8 +427,11 @@ def run_suite(build, jobs, timeout, budget, labels, every=False):
         result["status"] = result["status"] or proc.returncode
         if proc.returncode != 0 and not every:
             break
-    found = re.findall(r"([\w/.-]*(?:_test\.cpp|tests/e2e_\w+\.cpp)):(\d+): Failure", result["output"])
-    result["assertions"] = sorted(set("%s:%s" % (os.path.basename(f), n) for f, n in found))
+    # GoogleTest's "path/file.cpp:line: Failure"; the output holds lines of 100000 characters, so
+    # only the lines that end so are parsed.
+    found = [re.match(r".*?([^/]*):(\d+): Failure$", line) for line in result["output"].splitlines()
+             if line.endswith(": Failure")]
+    result["assertions"] = sorted(set("%s:%s" % x.groups() for x in found if x and x.group(1).endswith(".cpp")))
     result["seconds"] = round(time.time() - started, 2)
     return result
 
