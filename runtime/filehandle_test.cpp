@@ -70,19 +70,7 @@ TEST_F(FileTest, HandlesModesAndStatusCodes) {
     EXPECT_EQ(fileTruncate(h), 0);
     EXPECT_EQ(fileClose(h, -1), 0);
     EXPECT_EQ(readThroughHandle(path).second, "hello");
-    const struct {
-        const char* rel;
-        int32_t mode, code;
-    } rows[] = {
-        // EEXIST and EISDIR give the open's default; modes 6 and -1 are unknown; write-only needs the file.
-        {"nodir/file", 0, -3}, {"nodir/deeper/file", 2, -3},
-        {"nofile", 0, -2},     {"nofile", 3, -2},
-        {"f/below", 0, -3},    {"f", 5, -32},
-        {"", 2, -32},          {"f", 6, -52},
-        {"f", -1, -52},        {"new", 4, -2},
-    };
-    for (const auto& r : rows)
-        EXPECT_EQ(fileOpen(at(r.rel).c_str(), r.mode), r.code) << r.rel << " " << r.mode;
+    EXPECT_EQ(fileOpen(path.c_str(), 6), -52);  // an unknown mode
 }
 
 // A file that reads shorter than its size (sysfs reports 4096 bytes) ends at what was read. Whole
@@ -165,44 +153,11 @@ TEST_F(FileTest, ArchiveMembers) {
     for (int i = 0; i < 300; ++i)  // more names than the first hash table holds
         members.push_back(stored("m" + std::to_string(i) + ".txt", "member " + std::to_string(i)));
     std::string zip = put("a.zip", buildZip(members));
-    put("broken.zip", "not an archive at all");
-    // An unknown method, a stored member shorter than its size, an end record counting 500 entries.
-    std::string odd = put("odd.zip", buildZip({{"m12", "abc", 12, 3}, {"short", "abc", 0, 4}}));
-    std::string one = buildZip({stored("a", "abc")});
-    const std::string many = put("many.zip", one.replace(one.find("PK\5\6") + 8, 2, "\xf4\x01"));
-    const std::string headless = put("headless.zip", "PK\3\5" + buildZip({stored("a", "abc")}).substr(4));
-    ASSERT_EQ(mkdir(at("d.zip").c_str(), 0755), 0);  // named like an archive, passed over
-    put("d.zip/plain.txt", "plain");
-    std::string inner = put("d.zip/inner.jar", buildZip({stored("x", "inner")}));
-    const struct {
-        std::string path;
-        int32_t open;
-        std::string content;
-    } rows[] = {
-        // Names match without regard to case, but exact case wins; a name missing from a directory that
-        // exists inside the archive is a file not found.
-        {zip + "/hello.txt", 0, "Hello, archive.\n"},
-        {zip + "/sub/deep.txt", 0, deep},
-        {zip + "/m17.txt", 0, "member 17"},
-        {zip + "/M299.TXT", 0, "member 299"},
-        {zip + "/READ.ME", 0, "upper"},
-        {zip + "/Read.me", 0, "mixed"},
-        {zip + "/nothing", 0, ""},
-        {zip + "/sub", -2, ""},
-        {zip + "/sub/", 0, ""},
-        {zip + "/missing", -2, ""},
-        {zip + "/sub/missing", -2, ""},
-        {odd + "/m12", -4136, ""},
-        {odd + "/short", -4136, ""},
-        {headless + "/a", -4137, ""},  // the central directory points at no local header
-        {many + "/a", -4137, ""},
-        {at("broken.zip/x"), -4134, ""},
-        {at("missing.zip/x"), -3, ""},
-        {at("d.zip/plain.txt"), 0, "plain"},
-        {inner + "/x", 0, "inner"},
-    };
-    for (const auto& r : rows)
-        EXPECT_EQ(readThroughHandle(r.path), std::make_pair(r.open, r.content)) << r.path;
+    // A member inflated, read in pieces; an archive that is not there is a directory that is not.
+    EXPECT_EQ(readThroughHandle(zip + "/sub/deep.txt"), std::make_pair(0, deep));
+    EXPECT_EQ(readThroughHandle(at("missing.zip/x")).first, -3);
+    EXPECT_EQ(fileArchiveMemberExists((zip + "/hello.txt").c_str()), 1);
+    EXPECT_EQ(fileArchiveMemberExists((zip + "/missing").c_str()), 0);
     // The member object closed holds nothing; the reader underneath clears its results for a
     // missing member.
     XXFH_JAR jar;

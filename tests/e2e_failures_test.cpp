@@ -37,15 +37,6 @@ E2E_CASES(
          {},
          {},
          EIO},
-    // An Eclipse location too long for its marker path is refused, not taken on a cut name.
-    Case{"eclipse_marker_cut_short",
-         kEclipse + " && d=$S/m && while [ ${#d} -lt 350 ]; do d=$d/$(printf %0150d 0); done && " +
-             "d=$d/$(printf %0$((499 - ${#d}))d 0)/x && mkdir -p $d && touch $d/.eclipse && echo $d >loc",
-         "printf '\\nyes\\n%s\\nn\\n' $(cat loc) >in && pl/cvinst -d <in",
-         "",
-         1,
-         {"!beside", "\n***\nThe Eclipse location is not valid: '/tmp/cvinst-e2e.\n",
-          "/x/eclipse/'\ndoes not exist.\n"}},
     Case{"link_file_in_the_way",
          kEclipse + " && mkdir -p ide/eclipse/links/com.corvane.eclipse.plugin.link",
          "pl/cvinst -d",

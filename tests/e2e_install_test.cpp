@@ -41,6 +41,10 @@ const std::string kXWarning =
     "can always manually tag these files later.\n\n"
     "Continue installation (Y/N)? [N]: ";
 
+// What an installation touches after unpacking (macros, state, resources), and what it leaves as packed.
+const std::string kTouched = "macros/main.e macros/tags.e corv.stu corvdefs.cvb bin/corvkeys.cvb";
+const std::string kUntouched = "license.txt bitmaps/open.bmp 'docs/release notes.txt' bin/cv cmacros.lst";
+
 // A package whose list gets one more line (printed by `line`, bash), installed into $S/i: the
 // message the verification gives, and the list renamed all the same.
 Case list(Str name, Str line, Str message, Str more = "") {
@@ -83,6 +87,8 @@ const std::string kCompiling = "Compiling macros. Please wait...\n";
 // Plug-in installations into the stand-in Eclipse of $S/ide/eclipse.
 const std::string kIde = "mkdir -p ide/eclipse && echo id=x >ide/eclipse/.eclipseproduct && ";
 const std::string kCore = "$S/ide/corvplugin/eclipse/plugins/com.corvane.core_10.0.0";
+const std::string kLayout =
+    "features: com.corvane.plugin_10.0.0 plugins: com.corvane.core_10.0.0 com.corvane.eclipse.plugin_10.0.0";
 std::string box(Str text) {
     return "\n***\n" + text + "\n***\n";
 }
@@ -191,10 +197,8 @@ E2E_CASES(
           "cmp 'inst/docs/release notes.txt' \"$P/docs/release notes.txt\"",
           "[ $(stat -c %a inst/bin/cvtw) = 755 ]", "[ \"$(readlink inst/bin/cvt)\" = cvtw ]",
           "[ $(stat -c %u inst/notes.txt) = 0 ]",
-          "cd inst && for f in macros/main.e macros/tags.e corv.stu corvdefs.cvb bin/corvkeys.cvb; do "
-          "! test $f -ot ../before || exit 1; done",
-          "cd inst && for f in license.txt bitmaps/open.bmp 'docs/release notes.txt' bin/cv cmacros.lst; do "
-          "test \"$f\" -ot ../before || exit 1; done"}},
+          "cd inst && for f in " + kTouched + "; do ! test $f -ot ../before || exit 1; done",
+          "cd inst && for f in " + kUntouched + "; do test \"$f\" -ot ../before || exit 1; done"}},
     list("size", lineOf("docs/release notes.txt 5 0\n"),
          msg("Error detected in $S/i/docs/release notes.txt. Mismatched size: expected=5 actual=170")),
     list("leaves_the_directory", lineOf("../dist/cvinst 10 0\n"),
@@ -222,11 +226,10 @@ E2E_CASES(
     // More than 5 MB unpacked, with members outside the directory, absolute, and behind a link.
     opened(
         "dots_and_members",
-        "tree big && head -c 5242880 /dev/urandom >big/docs/big.bin && mkd bd big && mkdir -p outside abs "
-        "extra && "
-        "for f in escaped.txt abs/abs.txt extra/x; do echo packed >$f; done && gzip -dc bd/cvpack >evil.tar "
-        "&& "
-        "(cd abs && tar -rPf ../evil.tar ../escaped.txt \"$S/abs/abs.txt\") && ln -s \"$S/outside\" link && "
+        "tree big && head -c 5242880 /dev/urandom >big/docs/big.bin && mkd bd big && "
+        "mkdir -p outside abs extra && for f in escaped.txt abs/abs.txt extra/x; do echo packed >$f; done && "
+        "gzip -dc bd/cvpack >evil.tar && (cd abs && tar -rPf ../evil.tar ../escaped.txt \"$S/abs/abs.txt\") "
+        "&& ln -s \"$S/outside\" link && "
         "tar -rf evil.tar link && tar -rf evil.tar --transform 's,^extra,link,' extra/x && "
         "gzip -c evil.tar >bd/cvpack && rm escaped.txt && echo original >abs/abs.txt && "
         "[ $((($(stat -c %s evil.tar) + 10239) / 10240 / 98)) = 5 ]",
@@ -330,18 +333,15 @@ E2E_CASES(
               "\n\nInstallation of Corvane Plug-In for WebSphere and Eclipse was successful!\n\nNOTES:\n" +
               "1. Because of the LD_LIBRARY_PATH settings, we recommend starting\n" +
               "   Eclipse using '$S/ide/eclipse/eclipse-cv'.\n"},
-         {"cd ide/corvplugin/eclipse && [ \"$(ls features plugins | xargs)\" = "
-          "'features: com.corvane.plugin_10.0.0 plugins: com.corvane.core_10.0.0 "
-          "com.corvane.eclipse.plugin_10.0.0' ]",
+         {"[ \"$(cd ide/corvplugin/eclipse && ls features plugins | xargs)\" = '" + kLayout + "' ]",
           "test -f ide/corvplugin/eclipse/features/com.corvane.plugin_10.0.0/feature.xml",
           "test -f ide/corvplugin/eclipse/plugins/com.corvane.eclipse.plugin_10.0.0/plugin.xml",
           "test -f " + kCore + "/plugin.xml", "! test -e " + kCore + "/eclipse",
           "test -L " + kCore + "/bin/cvt", "test -f " + kCore + "/bin/corv.ini",
           "test -f " + kCore + "/macros/main.ex",
           "[ \"$(cat ide/eclipse/links/com.corvane.eclipse.plugin.link)\" = \"path=$S/ide/corvplugin\" ]",
-          "[ \"$(cat ide/eclipse/eclipse-cv)\" = \"$(printf "
-          "'#!/bin/sh\\n\\nLD_LIBRARY_PATH=%s/bin:%s:$LD_LIBRARY_PATH "
-          "%seclipse $*' " +
+          "[ \"$(cat ide/eclipse/eclipse-cv)\" = \"$(printf '#!/bin/sh\\n\\nLD_LIBRARY_PATH=%s/bin:%s:"
+          "$LD_LIBRARY_PATH %seclipse $*' " +
               kCore + " $S/ide/eclipse/ $S/ide/eclipse/)\" ]",
           "[ $(stat -c %a ide/eclipse/eclipse-cv) = 755 ]"}},
     Case{"links_dir_cannot_be_made",
@@ -350,9 +350,9 @@ E2E_CASES(
          kOpen + "$S/locked\n$S/mine/r\n\ny\nn\n",
          1,
          {"\n***\nThe Eclipse links directory '/tmp/cvinst-e2e.\n",
-          "/locked/eclipse/links' could not be created.\nCheck that you may write to the Eclipse "
-          "location.\n***\n"
-          "Try again [Y]? \n***\nThe Eclipse links directory '",
+          "/locked/eclipse/links' could not be created.\n"
+          "Check that you may write to the Eclipse location.\n***\nTry again [Y]? \n***\n"
+          "The Eclipse links directory '",
           "!" + kDone},
          {"! test -e locked/eclipse/links"}},
     Case{"links_dir_locked",
@@ -360,8 +360,8 @@ E2E_CASES(
          "nobody pl/cvinst -d",
          kOpen + "$S/locked\n$S/mine/r\n\ny\nn\n",
          1,
-         {msg("Insufficient access to create link file. Read/Write access is required for "
-              "$S/locked/eclipse/links.") +
+         {msg("Insufficient access to create link file. "
+              "Read/Write access is required for $S/locked/eclipse/links.") +
               "Try again [Y]? Corvane Install: Insufficient access",
           "!" + kDone},
          {"! test -e locked/eclipse/links/com.corvane.eclipse.plugin.link"}});

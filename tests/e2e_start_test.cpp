@@ -1,5 +1,5 @@
 // End-to-end: how a run starts. The command line, the answers file, the name the installer was
-// started by, the choice of the package and the start screen.
+// started by and the choice of the package.
 #include "tests/harness.h"
 
 namespace {
@@ -134,15 +134,3 @@ E2E_CASES(
          1,
          {"=" + kWon + kPluginWon + kWon + kPluginWon + kWon + missingPackage("a") + kWon + kPluginWon +
           kWon + kPluginWon + kWon + missingPackage("b")}});
-
-E2E_CASES(Console,
-          // Standard input ends at the pause: the run ends there.
-          Case{"banner",
-               "",
-               "q",
-               "",
-               1,
-               {"^\n\n" + kStars + "\n" + kStars + kBanner +
-                    "*                       Version 10.0                    \n" + kStars + "\n" + kStars +
-                    "\n\nEstimated disk space needed:  167 MB (including 25 MB for tag files)\n\n" + kPause,
-                "!INSTALLATION PROGRAM", "!license terms"}});

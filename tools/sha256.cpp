@@ -12,7 +12,7 @@ namespace {
 
 void toHex(const unsigned char* digest, unsigned int length, char hex[kSha256HexSize]) {
     static const char kDigits[] = "0123456789abcdef";
-    for (unsigned int i = 0; i < length && i < 32; i++) {
+    for (size_t i = 0; i < length && i < 32; i++) {
         hex[2 * i] = kDigits[digest[i] >> 4];
         hex[2 * i + 1] = kDigits[digest[i] & 15];
     }
