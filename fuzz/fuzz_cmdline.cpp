@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             args.back() += static_cast<char>(data[i]);
     }
     std::vector<char*> argv(args.size() + 1);  // ends in a null pointer
-    for (size_t i = 0; i < args.size(); i++) argv[i] = &args[i][0];
+    for (size_t i = 0; i < args.size(); i++) argv[i] = args[i].data();
 
     resetInstallState();
     gEulaBypassMarker[strlen(gEulaBypassMarker) - 1] = size % 2 ? '1' : '0';

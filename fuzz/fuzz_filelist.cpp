@@ -7,7 +7,7 @@
 #include "installer/verify.h"
 #include "runtime/path.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     // bin/cv: 10 bytes, byte sum 704; "a b.txt": 3 bytes, 294; "empty": 0 bytes.
     std::filesystem::create_directories(scratchDir() + "inst/bin");
     writeScratch("inst/bin/cv", reinterpret_cast<const uint8_t*>("#!/bin/sh\n"), 10);
