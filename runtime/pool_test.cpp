@@ -109,6 +109,10 @@ TEST_F(PoolTest, CarvingMergingAndGrowing) {
     EXPECT_NE(alloc(8), nullptr);  // behind b, so that b cannot grow in place
     pool->release(a);
     EXPECT_EQ(resize(b, 64), a);
+
+    // The first chunk of a block leaves a free rest only when that gets 8 bytes or more.
+    make(64, 88);
+    EXPECT_EQ(word(alloc(64), 8) >> 2, 72u);  // the size in its header
 }
 
 TEST_F(PoolTest, MixedOperationsKeepEveryChunkIntact) {
