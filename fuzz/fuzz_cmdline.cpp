@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             args.back() += static_cast<char>(data[i]);
     }
     std::vector<char*> argv(args.size() + 1);  // ends in a null pointer
-    for (size_t i = 0; i < args.size(); i++) argv[i] = &args[i][0];
+    for (size_t i = 0; i < args.size(); i++) argv[i] = args[i].data();
 
     resetInstallState();
     gEulaBypassMarker[strlen(gEulaBypassMarker) - 1] = size % 2 ? '1' : '0';
@@ -28,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int32_t flag :
          {gState.skipVerification, gState.skipDiskSpaceCheck, gState.verbose, gState.cleanupAfterInstall})
         if (flag != 0 && flag != 1) abort();
-    if (a.acceptEula < -1 || a.acceptEula > 1 || a.postInstall < -1 || a.postInstall > 1) abort();
+    for (int32_t triState : {a.acceptEula, a.postInstall})
+        if (triState < -1 || triState > 1) abort();
     if (!(size % 2) && a.acceptEula != -1) abort();  // not honoured without the build switch
     return 0;
 }

@@ -24,7 +24,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     char* whole = nullptr;
     int32_t readAll = fileReadAll(path.c_str(), &whole, &length, 1, 0);
     int32_t handle = fileOpen(path.c_str(), 0);
-    if ((exists != 0 && exists != 1) || (handle >= 0) != (readAll == 0) || (handle >= 0 && !exists)) abort();
+    if (exists != 0 && exists != 1) abort();
+    if ((handle >= 0) != (readAll == 0)) abort();
+    if (handle >= 0 && !exists) abort();
     if (handle < 0) return 0;
     // Each op is 5 bytes: what (read, seek from start, current or end), then a 32-bit amount.
     int64_t position = 0;
@@ -37,14 +39,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             int64_t expected =
                 position >= 0 && position < length ? std::min<int64_t>(count, length - position) : 0;
             int32_t got = fileRead(handle, buffer, count);
-            if (got != expected || (got > 0 && memcmp(buffer, whole + position, got) != 0)) abort();
+            if (got != expected) abort();
+            if (got > 0 && memcmp(buffer, whole + position, got) != 0) abort();
             position += got;
         } else {
             position = (whence == 0 ? 0 : whence == 1 ? position : length) + int64_t(amount);
             if (fileSeek(handle, amount, whence) != static_cast<int32_t>(position)) abort();
         }
     }
-    if (fileClose(handle, 0) != 0 || whole[length] != '\0') abort();
+    if (fileClose(handle, 0) != 0) abort();
+    if (whole[length] != '\0') abort();
     libFree(whole);
     return 0;
 }

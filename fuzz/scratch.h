@@ -1,16 +1,12 @@
 // Per-process scratch directory for the targets that read their input from a file.
 #pragma once
-#include <ftw.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
-
-inline int removeScratchEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return remove(path);
-}
 
 // Made on first use under $TMPDIR, else in memory (/dev/shm) where there is one, else /tmp;
 // removed with everything in it at exit. Ends in "/".
@@ -20,9 +16,9 @@ inline const std::string& scratchDir() {
         const char* base = getenv("TMPDIR");
         if (base == nullptr || *base == '\0') base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
         std::string pattern = std::string(base) + "/cvfuzz.XXXXXX";
-        if (mkdtemp(&pattern[0]) == nullptr) abort();
+        if (mkdtemp(pattern.data()) == nullptr) abort();
         dir = pattern + "/";
-        atexit([] { nftw(scratchDir().c_str(), removeScratchEntry, 16, FTW_DEPTH | FTW_PHYS); });
+        atexit([] { std::filesystem::remove_all(scratchDir()); });
     }
     return dir;
 }

@@ -59,37 +59,15 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         int32_t result, type;
         std::string version, release;
     } rows[] = {
-        {"", nullptr, "", 1, 99, "v", "r"},
-        {"", "", "", 1, 99, "v", "r"},
         {"", "Linux;-r=6.1.0-13-amd64", "", 0, kOsLinux, "6", "1.0-13-amd64"},
-        {"", kSolarisX86, "", 0, kOsIntelSolaris, "5", "8"},
-        {"", "SunOS;-r=5.8;-a=SunOS box 5.8 Generic sun4u sparc SUNW,Ultra-5_10", "", 0, kOsSolaris, "5",
-         "8"},
-        {"", "SunOS;-r=4.1.3;-a=SunOS box 4.1.3 i86", "", 0, kOsSunos, "4",
-         "1.3"},  // release 4 decides first
-        {"", "SunOS", "", 8, 99, "v", "r"},
-        {"", "SunOS;-r=5.8", "", 8, 99, "5", "r"},
+        {"", "SunOS;-r=5.8;-a=SunOS box 5.8 Generic sun4u sparc", "", 0, kOsSolaris, "5", "8"},
+        // Release 4 decides first.
+        {"", "SunOS;-r=4.1.3;-a=SunOS box 4.1.3 i86", "", 0, kOsSunos, "4", "1.3"},
         {"", "AIX;-v=4;-r=3", "", 0, kOsAix, "4", "3"},
-        {"", "AIX;-r=3", "", 5, kOsAix, "v", "r"},
-        {"", "AIX;-v=4", "", 6, kOsAix, "4", "r"},
-        {"", "HP-UX;-r=B.11.00", "", 0, kOsHpux, "11", "00"},
-        {"", "OSF1;-r=V4.0", "", 0, kOsDigitalUnix, "4", "0"},
-        {"", "Plan9;-r=4", "", 12, 99, "v", "r"},
-        {"", "IRIX;-r=6.5", "", 0, kOsIrix, "6", "5"},
-        {"", "IRIX64;-r=6.5", "", 12, 99, "v", "r"},
         {"", "OS/390;-v=03;-r=20.00", "", 0, kOsOs390, "03", "20.00"},
         {"", "SCO_SV;-r=3.2", "-r=5.0", 0, kOsSco, "5", "0"},  // the release comes from "name -r"
-        // A release query that fails keeps the type and makes version and release "0".
-        {"", "Linux", "", 9999, kOsLinux, "0", "0"},
-        {"", "SCO_SV;-r=3.2", "", 9999, kOsSco, "0", "0"},
         // The override wins over uname; its type is found without regard to case.
         {"Linux-2-4", kSolarisX86, "", 0, kOsLinux, "2", "4"},
-        {"IRIX-6-5b", "", "", 0, kOsIrix, "6", "5b"},
-        {"isolaris-5-8", "", "", 0, kOsIntelSolaris, "5", "8"},
-        {"aix", "", "", 0, kOsAix, "", ""},
-        {longOverride.c_str(), "", "", 0, kOsLinux, std::string(31, '7'), std::string(31, '8')},
-        {"hp-ux-11-0", "", "", 20, 99, "v", "r"},
-        {"-2-4", "", "", 20, 99, "v", "r"},
     };
     for (const auto& r : rows) {
         fake("uname", r.uname);
@@ -99,14 +77,12 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         strcpy(gState.osVersion, "v");
         strcpy(gState.osRelease, "r");
         snprintf(gState.osTypeOverride, sizeof(gState.osTypeOverride), "%s", r.override);
-        EXPECT_EQ(detectPlatform(), r.result) << r.override << " " << (r.uname ? r.uname : "no uname");
-        EXPECT_TRUE(gState.osType == r.type && gState.osVersion == r.version && gState.osRelease == r.release)
-            << r.override << " " << (r.uname ? r.uname : "no uname") << ": " << gState.osType << " "
-            << gState.osVersion << " " << gState.osRelease;
+        const std::string what = std::string(r.override) + " " + (r.uname ? r.uname : "no uname");
+        EXPECT_EQ(detectPlatform(), r.result) << what;
+        EXPECT_EQ(gState.osType, r.type) << what;
+        EXPECT_EQ(gState.osVersion, r.version) << what;
+        EXPECT_EQ(gState.osRelease, r.release) << what;
     }
-    EXPECT_TRUE(!strcmp(osDisplayName(kOsLinux), "Linux") &&
-                !strcmp(osDisplayName(kOsDigitalUnix), "Digital Unix"));
-    EXPECT_TRUE(!strcmp(osDisplayName(11), "unknown") && !strcmp(osDisplayName(-1), "unknown"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The last character of a path, the environment snapshot, the current directory, existence and
-// removal, absolute paths and link resolution, and the search along a list of directories.
+// The environment snapshot, the current directory and existence, absolute paths and link
+// resolution, and the search along a list of directories.
 #include "runtime/path.h"
 
 #include <gtest/gtest.h>
@@ -15,20 +15,9 @@ namespace {
 // Set before main so that it is part of the environment snapshot, whenever that is taken.
 const bool gProbeSet = setenv("CVRT_PATHTEST_PROBE", "a=b=c", 1) == 0;
 
-TEST(PathText, LastCharacterPartsAndEnvironment) {
-    EXPECT_TRUE(pathLastChar("") == 32 && pathLastChar("/usr/") == 47 && pathLastChar("abc") == 'c');
-    // The extension of the last name only, nothing without room; the name without its directory.
-    char keep[8] = "keep", ext[8], dot[8], name[32] = "/usr/lib.d/libx.so";
-    pathExtension(name, keep, 0), pathExtension("/a.b/c", ext, sizeof ext), pathExtension("/a.b/c.d", dot, 8);
-    pathPart(name, 'P');
-    EXPECT_TRUE(!strcmp(keep, "keep") && !strcmp(ext, "") && !strcmp(dot, ".d") && !strcmp(name, "libx.so"));
-    // The snapshot is taken at the first look-up; its first entry counts like any other.
-    std::string first = environ[0];
-    EXPECT_STREQ(envGet(first.substr(0, first.find('=')).c_str()), first.c_str() + first.find('=') + 1);
+TEST(PathText, EnvironmentSnapshot) {
     ASSERT_TRUE(gProbeSet);
     EXPECT_STREQ(envGet("CVRT_PATHTEST_PROBE"), "a=b=c");
-    for (const char* name : {"CVRT_PATHTEST_PROB", "CVRT_PATHTEST_PROBE=", "cvrt_pathtest_probe", ""})
-        EXPECT_EQ(envGet(name), nullptr) << name;
 }
 
 std::string physicalCwd() {
@@ -41,24 +30,20 @@ std::string physicalCwd() {
 class PathTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char name[] = "/tmp/cvrt_path_XXXXXX", real[PATH_MAX];
-        ASSERT_TRUE(mkdtemp(name) && realpath(name, real));
+        char name[] = "/tmp/cvrt_path_XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        char real[PATH_MAX];
+        ASSERT_NE(realpath(name, real), nullptr);
         tmp_ = real;
         start_ = physicalCwd();
-        const std::string make =
-            "cd " + tmp_ +
-            " && mkdir real sub a b empty full d1 d2 d2/tool d3 d4"
-            " && touch t b/file full/f target d1/tool d3/tool d4/c d4/cc d4/tool"
-            " && chmod 700 d3/tool && chmod 755 d4/c d4/cc d4/tool && ln -s " +
-            tmp_ +
-            "/real link"
-            " && ln -s sub sublink && ln -s ../b/file a/link && ln -s real dirlink && ln -s loop2 loop1"
-            " && ln -s loop1 loop2 && for n in 7 8; do t=target;"
-            " for i in $(seq $n -1 1); do ln -s $t chain${n}_$i; t=chain${n}_$i; done; done";
+        const std::string make = "cd " + tmp_ +
+                                 " && mkdir real sub a b d1 d3 d4 && touch t b/file d3/tool d4/c d4/cc"
+                                 " && chmod 700 d3/tool && chmod 755 d4/c d4/cc && ln -s \"$PWD/real\" link"
+                                 " && ln -s sub sublink && ln -s ../b/file a/link && ln -s real dirlink";
         ASSERT_EQ(system(make.c_str()), 0);
     }
     void TearDown() override {
-        EXPECT_TRUE(changeDirectory(start_.c_str()) == 0 && physicalCwd() == start_);
+        EXPECT_EQ(changeDirectory(start_.c_str()), 0);
         EXPECT_EQ(system(("rm -rf " + tmp_).c_str()), 0);
     }
     // "@" in text stands for the temporary directory.
@@ -68,7 +53,7 @@ protected:
         for (char c : text) out += c == '@' ? tmp_ : std::string(1, c);
         return out;
     }
-    std::string current(int logical) {
+    static std::string current(int logical) {
         char out[512];
         EXPECT_EQ(getCurrentDirectory(out, 0, logical), 0);
         return out;
@@ -76,27 +61,17 @@ protected:
     std::string tmp_, start_;
 };
 
-TEST_F(PathTest, CurrentDirectoryExistenceAndRemoval) {
+TEST_F(PathTest, CurrentDirectoryAndExistence) {
     ASSERT_EQ(changeDirectory(at("link/").c_str()), 0);
-    EXPECT_TRUE(physicalCwd() == at("real") && current(0) == at("real") && current(1) == at("link"));
-    // A failed change keeps both directories.
-    EXPECT_TRUE(changeDirectory(at("missing").c_str()) == -2 && changeDirectory(at("target").c_str()) == -3);
-    EXPECT_TRUE(current(1) == at("link") && physicalCwd() == at("real"));
-    EXPECT_TRUE(changeDirectory("../real/.") == 0 && current(1) == at("real"));
-    ASSERT_EQ(chdir(tmp_.c_str()), 0);  // a chdir behind the library's back is noticed
-    EXPECT_TRUE(current(0) == tmp_ && current(1) == tmp_);
+    EXPECT_EQ(current(1), at("link"));
     // A directory whose physical path does not fit 511 characters, entered by a short link.
     std::string deep = tmp_ + "/" + std::string(250, 'd') + "/" + std::string(250, 'e') + "/f";
-    ASSERT_EQ(system(("mkdir -p " + deep).c_str()) + symlink(deep.c_str(), at("short").c_str()), 0);
-    EXPECT_TRUE(changeDirectory(at("short").c_str()) == 0 && current(1) == at("short"));
+    ASSERT_EQ(system(("mkdir -p " + deep).c_str()), 0);
+    ASSERT_EQ(symlink(deep.c_str(), at("short").c_str()), 0);
+    EXPECT_EQ(changeDirectory(at("short").c_str()), 0);
+    EXPECT_EQ(current(1), at("short"));
     ASSERT_EQ(chdir(tmp_.c_str()), 0);
-
-    EXPECT_TRUE(entryExists("/") == 1 && entryExists("t/") == 1 &&
-                entryExists(at("full/f/below").c_str()) == 0);
-    EXPECT_TRUE(removeDirectory(at("empty/").c_str()) == 0 && entryExists(at("empty").c_str()) == 0);
-    // ENOTEMPTY has no code of its own.
-    EXPECT_TRUE(removeDirectory(at("full").c_str()) == -3 && removeDirectory(at("full/f").c_str()) == -3);
-    EXPECT_EQ(removeDirectory(at("missing").c_str()), -2);
+    EXPECT_EQ(entryExists("t/"), 1);
 }
 
 TEST_F(PathTest, AbsolutePathsAndLinkResolution) {
@@ -107,74 +82,38 @@ TEST_F(PathTest, AbsolutePathsAndLinkResolution) {
         int noFollow;
         const char* out;
     } rows[] = {
-        {"name", -1, "@/sub/name"},
         {"../dirlink/x.txt", -1, "@/real/x.txt"},
         {"\"../sub/q\"", -1, "@/sub/q"},
-        {"nodir/y", -1, "@/sub/nodir/y"},
         {"/no/such/dir/z", -1, "/no/such/dir/z"},
         {"a/./b/../c", 1, "@/sublink/a/c"},
-        {"/xy/../../yz//z/", 1, "/yz/z/"},
         {"/..", 1, "/"},
-        {"../dirlink/x", 1, "@/dirlink/x"},
-        {"../a/link", 1, "@/a/link"},
         {"../a/link", 0, "@/b/file"},
-        {"@/chain7_1", 0, "@/target"},
-        {"@/chain8_1", 0, "@/chain8_1"},
-        {"@/loop1", 0, "@/loop1"},  // 8 links or more: unresolved
     };
     for (const auto& r : rows) {
         char out[512];
         std::string in = expand(r.in);
         int32_t rc =
             r.noFollow < 0 ? pathAbsolute(out, in.c_str()) : pathResolve(out, in.c_str(), r.noFollow);
-        EXPECT_TRUE(rc == 0 && std::string(out) == expand(r.out)) << r.in << " " << r.noFollow << ": " << out;
+        EXPECT_EQ(rc, 0) << r.in << " " << r.noFollow;
+        EXPECT_EQ(out, expand(r.out)) << r.in << " " << r.noFollow;
     }
-    // The excursions into other directories leave no trace.
-    EXPECT_TRUE(physicalCwd() == at("sub") && current(1) == at("sublink"));
 }
 
 TEST_F(PathTest, SearchAlongAList) {
-    const std::string savedPath = getenv("PATH") ? getenv("PATH") : "";
-    ASSERT_EQ(setenv("PATH", expand("@/d1:@/d3").c_str(), 1), 0);
-    ASSERT_EQ(setenv("CVRT_PATHTEST_LIST", expand("@/d2:@/d4").c_str(), 1), 0);
     const int32_t kList = 0x80;  // listName is the list itself
     char out[512];
-    const struct {
-        const char *name, *list;
-        int32_t flags;
-        const char *cwd, *found;
-    } rows[] = {
-        // A blank after ":" is skipped; no execute bit and a directory do not count; an empty element
-        // is the current directory; a name with "/" is only tested itself, as is any name when the
-        // variable is unset.
-        {"tool", "@/d1: @/d3/", kList, "", "@/d3/tool"},
-        {"tool", "@/d1:@/d2", kList, "", nullptr},
-        {"tool", "@/d1::@/d2", kList, "d3", "tool"},
-        {"tool", "@/d1:", kList, "d3", "tool"},
-        {"d3/tool", "@/d1", kList, "", "d3/tool"},
-        {"@/d3/tool", "@/d1", kList, "d1", "@/d3/tool"},
-        {"d3/tool", "@", kList, "d1", nullptr},
-        {"tool", "CVRT_PATHTEST_LIST", 0, "", "@/d4/tool"},
-        {"tool", nullptr, 0, "", "@/d3/tool"},
-        {"cvrt-no-such-tool", nullptr, 0, "", nullptr},
-        {"tool", "CVRT_PATHTEST_UNSET", 0, "d3", "tool"},
-        {"tool", "CVRT_PATHTEST_UNSET", 0, "d1", nullptr},
-    };
-    for (const auto& r : rows) {
-        EXPECT_EQ(changeDirectory(at(r.cwd).c_str()), 0);
-        std::string name = expand(r.name), list = expand(r.list ? r.list : "");
-        int32_t rc = pathSearch(out, name.c_str(), r.list ? list.c_str() : nullptr, r.flags, 512);
-        EXPECT_TRUE(rc == (r.found ? 0 : -2) && std::string(out) == expand(r.found ? r.found : ""))
-            << r.name << " in " << (r.list ? r.list : "PATH") << ": " << rc << " " << out;
-    }
-    // A candidate longer than the buffer is skipped, not cut into the name of another file.
+    // A name with "/" is only tested itself.
+    ASSERT_EQ(changeDirectory(tmp_.c_str()), 0);
+    EXPECT_EQ(pathSearch(out, "d3/tool", at("d1").c_str(), kList, 512), 0);
+    EXPECT_STREQ(out, "d3/tool");
+    // A candidate longer than the buffer is skipped, not cut into the name of another file; a
+    // search that fails empties the result.
     std::string d4 = at("d4");
     int32_t size = static_cast<int32_t>(d4.size()) + 3;  // room for ".../c" but not ".../cc"
     EXPECT_EQ(pathSearch(out, "cc", d4.c_str(), kList, size), -2);
-    EXPECT_TRUE(pathSearch(out, "c", d4.c_str(), kList, size) == 0 && std::string(out) == at("d4/c"));
-    EXPECT_TRUE(pathSearch(out, (d4 + "/cc").c_str(), nullptr, 0, size) == -2 && !*out);  // emptied
-    setenv("PATH", savedPath.c_str(), 1);
-    unsetenv("CVRT_PATHTEST_LIST");
+    EXPECT_EQ(pathSearch(out, "c", d4.c_str(), kList, size), 0);
+    EXPECT_EQ(pathSearch(out, (d4 + "/cc").c_str(), nullptr, 0, size), -2);
+    EXPECT_STREQ(out, "");
 }
 
 }  // namespace

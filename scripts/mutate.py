@@ -14,6 +14,7 @@ Sub-commands (mutate.sh calls them; they also work by hand):
   restore SRC PRISTINE              put back the files an interrupted run left faulty
   report  RESULTS                   figures and the missed faults of one run
   compare A B                       caught before and after on the faults both runs planted
+  matrix  RESULTS                   which test catches which fault (a run with --every)
 """
 
 import argparse
@@ -275,16 +276,70 @@ def read_text(path):
         return fh.read()
 
 
-def locate(lines, fault):
-    """Returns the index of the fault's line among the lines of the unchanged file, or None
-    when it is gone."""
-    hits = [i for i, line in enumerate(lines) if line == fault["line"]]
-    if len(hits) <= fault["occ"]:
+def squeeze(text):
+    """The text with each run of white space (line ends included) made one blank, none at the ends."""
+    return " ".join(text.split())
+
+
+def squeeze_map(text):
+    """squeeze(text), and for each of its characters the offset in text it stands for (a blank:
+    the first character of its run of white space)."""
+    chars, offsets, blank = [], [], None
+    for i, c in enumerate(text):
+        if c.isspace():
+            if chars and blank is None:
+                blank = i
+            continue
+        if blank is not None:
+            chars.append(" ")
+            offsets.append(blank)
+            blank = None
+        chars.append(c)
+        offsets.append(i)
+    return "".join(chars), offsets
+
+
+def locate(text, fault):
+    """Finds the fault's place in the unchanged text of its file: returns (start, end, how), the
+    offsets of the characters the rewrite replaces, or None when the line is gone. The line is
+    looked for by its exact text first, then by its text with white space normalised (a line
+    that a formatter re-indented or re-spaced), then, when that text occurs exactly once in the
+    file's normalised text, across lines (a line that a formatter split, or joined to the next)."""
+    lines = text.split("\n")
+    starts = [0]
+    for line in lines[:-1]:
+        starts.append(starts[-1] + len(line) + 1)
+    line, col, old = fault["line"], fault["col"], fault["from"]
+    hits = [i for i, l in enumerate(lines) if l == line]
+    if len(hits) > fault["occ"]:
+        index = hits[fault["occ"]]
+        if lines[index][col:col + len(old)] == old:
+            return starts[index] + col, starts[index] + col + len(old), "exact"
         return None
-    index = hits[fault["occ"]]
-    if lines[index][fault["col"]:fault["col"] + len(fault["from"])] != fault["from"]:
+    # The replaced characters as a span of the normalised line: the rules replace a token (no
+    # white space in it) or, dropping a statement, the rest of the line.
+    want = squeeze(line)
+    at = len(squeeze(line[:col] + "\x01")) - 1
+    size = len(squeeze(old))
+    if want[at:at + size] != squeeze(old):
         return None
-    return index
+    same = [i for i, l in enumerate(lines) if squeeze(l) == want]
+    if len(same) > fault["occ"]:
+        index = same[fault["occ"]]
+        _, offsets = squeeze_map(lines[index])
+        base = starts[index]
+        return base + offsets[at], base + offsets[at + size - 1] + 1, "spaced"
+    whole, offsets = squeeze_map(text)
+    found = []
+    pos = whole.find(want)
+    while pos >= 0:
+        end = pos + len(want)
+        if (pos == 0 or whole[pos - 1] == " ") and (end == len(whole) or whole[end] == " "):
+            found.append(pos)
+        pos = whole.find(want, pos + 1)
+    if len(found) != 1 or fault["occ"] != 0:
+        return None
+    return offsets[found[0] + at], offsets[found[0] + at + size - 1] + 1, "lines"
 
 
 def write_text(path, text):
@@ -345,16 +400,18 @@ def end_leftovers():
 SUMMARY = re.compile(r"(\d+)% tests passed, (\d+) tests? failed out of (\d+)")
 
 
-def run_suite(build, jobs, timeout, budget, labels):
+def run_suite(build, jobs, timeout, budget, labels, every=False):
     """Runs the tests of each label in turn (the unit tests first: they take seconds and catch
-    many faults), stopping at the first failure; returns a dict with the number of tests run,
-    the failed and timed-out tests and the time taken."""
+    many faults), stopping at the first failure, or with every=True running every test of every
+    label; returns a dict with the number of tests run, the failed and timed-out tests, the
+    failed assertions of the test sources (file:line) and the time taken."""
     stop = time.strftime("%H:%M:%S", time.localtime(time.time() + budget))
     started = time.time()
     result = {"status": 0, "total": 0, "failed": [], "timeouts": [], "output": ""}
     for label in labels.split("|"):
-        cmd = ["ctest", "--test-dir", build, "-j%d" % jobs, "--stop-on-failure", "-L", "^%s$" % label,
+        cmd = ["ctest", "--test-dir", build, "-j%d" % jobs, "-L", "^%s$" % label,
                "--timeout", str(timeout), "--stop-time", stop, "--no-tests=error"]
+        cmd += ["--output-on-failure"] if every else ["--stop-on-failure"]
         proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                 start_new_session=True)
         out, _ = proc.communicate()
@@ -362,12 +419,19 @@ def run_suite(build, jobs, timeout, budget, labels):
         out = out.decode(errors="replace")
         summary = SUMMARY.search(out)
         result["total"] += int(summary.group(3)) if summary else 0
-        result["failed"] += re.findall(r"Test\s+#\d+: (\S+) \.+\s*\*+(?:Failed|Timeout|Exception|Not Run)", out)
-        result["timeouts"] += re.findall(r"Test\s+#\d+: (\S+) \.+\s*\*+Timeout", out)
+        # A parameterised test's name is followed by "# GetParam() = <value>".
+        name = r"Test\s+#\d+: (\S+)(?:\s+# GetParam\(\) = \S+)? \.+\s*\*+"
+        result["failed"] += re.findall(name + "(?:Failed|Timeout|Exception|Not Run)", out)
+        result["timeouts"] += re.findall(name + "Timeout", out)
         result["output"] += out
-        result["status"] = proc.returncode
-        if proc.returncode != 0:
+        result["status"] = result["status"] or proc.returncode
+        if proc.returncode != 0 and not every:
             break
+    # GoogleTest's "path/file.cpp:line: Failure"; the output holds lines of 100000 characters, so
+    # only the lines that end so are parsed.
+    found = [re.match(r".*?([^/]*):(\d+): Failure$", line) for line in result["output"].splitlines()
+             if line.endswith(": Failure")]
+    result["assertions"] = sorted(set("%s:%s" % x.groups() for x in found if x and x.group(1).endswith(".cpp")))
     result["seconds"] = round(time.time() - started, 2)
     return result
 
@@ -495,7 +559,7 @@ def cmd_run(args):
         if not pending:
             continue
         # Every fault is planted in the unchanged text, never on top of the one before it.
-        original = read_text(path).split("\n") if os.path.exists(path) else None
+        original = read_text(path) if os.path.exists(path) else None
         planted_any = False
         try:
             for f in pending:
@@ -574,11 +638,14 @@ def restore_pristine(src, pristine_dir):
 def measure_one(args, f, path, original, pristine_dir, objects):
     record = {"id": f["id"], "file": f["file"], "rule": f["rule"], "line": f["line"],
               "mutated": f["mutated"]}
-    index = locate(original, f) if original is not None else None
-    if index is None:
+    place = locate(original, f) if original is not None else None
+    if place is None:
         record["status"] = "gone"
         return record
-    record["lineno"] = index + 1
+    start, end, how = place
+    record["lineno"] = original.count("\n", 0, start) + 1
+    if how != "exact":
+        record["match"] = how
     if not objects:
         record["status"] = "not-compiled"
         record["detail"] = "not part of the build"
@@ -588,9 +655,7 @@ def measure_one(args, f, path, original, pristine_dir, objects):
         os.makedirs(os.path.dirname(saved), exist_ok=True)
         with open(path, "rb") as src_fh, open(saved, "wb") as dst:
             dst.write(src_fh.read())
-    lines = list(original)
-    lines[index] = f["mutated"]
-    write_text(path, "\n".join(lines))
+    write_text(path, original[:start] + f["to"] + original[end:])
 
     # One build of everything; a failure in the faulty file's own object means the fault does
     # not compile, any later failure (a tool of the build that now fails) counts as caught.
@@ -607,8 +672,11 @@ def measure_one(args, f, path, original, pristine_dir, objects):
             record["status"] = "caught-build"
             record["detail"] = failed[0][:160]
         return record
-    suite = run_suite(args.build, args.jobs, args.timeout, args.budget, args.labels)
+    suite = run_suite(args.build, args.jobs, args.timeout, args.budget, args.labels, args.every)
     record["test_seconds"] = suite["seconds"]
+    if args.every:
+        record["failed"] = suite["failed"]
+        record["assertions"] = suite["assertions"]
     if suite["timeouts"]:
         record["status"] = "caught-timeout"
         record["detail"] = suite["timeouts"][0]
@@ -650,7 +718,9 @@ def cmd_report(args):
     lines.append("faults in the sample %4d%s" % (len(faults), "  (of %d: run not finished)" % head["planted"]
                                                   if unfinished else ""))
     lines.append("gone                 %4d  (line text not found in this revision; excluded)" % gone)
-    lines.append("planted              %4d" % (len(faults) - gone))
+    moved = collections.Counter(r.get("match") for r in faults if r.get("match"))
+    lines.append("planted              %4d%s" % (len(faults) - gone, "  (%d found with white space normalised, %d across lines)"
+                                                 % (moved["spaced"], moved["lines"]) if moved else ""))
     lines.append("not compiled         %4d  (excluded)" % not_compiled)
     lines.append("compiled             %4d" % compiled)
     pct = 100.0 * caught / compiled if compiled else 0.0
@@ -719,6 +789,32 @@ def cmd_compare(args):
     return 0
 
 
+def cmd_matrix(args):
+    """Which test catches which fault, from a run with --every: per test (and per failed
+    assertion of a unit test) the faults it catches and those that no other test catches."""
+    faults = [r for r in read_jsonl(args.results) if "id" in r and "failed" in r]
+    if not faults:
+        print("no fault in %s was run with --every" % args.results)
+        return 1
+    for key, title in (("failed", "test"), ("assertions", "assertion")):
+        catchers = collections.defaultdict(set)
+        for r in faults:
+            for name in r.get(key, []):
+                catchers[name].add(r["id"])
+        alone = collections.Counter()
+        for r in faults:
+            if len(r.get(key, [])) == 1:
+                alone[r[key][0]] += 1
+        print("%-70s %7s %7s" % (title, "catches", "alone"))
+        for name in sorted(catchers, key=lambda n: (-alone[n], -len(catchers[n]), n)):
+            print("%-70s %7d %7d" % (name, len(catchers[name]), alone[name]))
+        print()
+    caught = [r for r in faults if r["failed"]]
+    print("faults run with --every: %d, caught by a test: %d, by exactly one test: %d"
+          % (len(faults), len(caught), sum(1 for r in caught if len(r["failed"]) == 1)))
+    return 0
+
+
 def main():
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # quietly stop when the reader goes (| head)
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -745,6 +841,7 @@ def main():
             s.add_argument("--commit", default="")
             s.add_argument("--tests", type=int, required=True)
             s.add_argument("--baseline-seconds", type=float, default=0)
+            s.add_argument("--every", action="store_true")
         s.add_argument("--jobs", type=int, default=2)
         s.add_argument("--timeout", type=int, default=60)
         s.add_argument("--budget", type=int, default=180)
@@ -755,6 +852,8 @@ def main():
     s = sub.add_parser("report")
     s.add_argument("results")
     s.add_argument("--out")
+    s = sub.add_parser("matrix")
+    s.add_argument("results")
     s = sub.add_parser("compare")
     s.add_argument("before")
     s.add_argument("after")
@@ -763,7 +862,7 @@ def main():
         restore_pristine(args.src, args.pristine)
         return 0
     return {"list": cmd_list, "sample": cmd_sample, "suite": cmd_suite, "run": cmd_run,
-            "report": cmd_report, "compare": cmd_compare}[args.cmd](args)
+            "report": cmd_report, "compare": cmd_compare, "matrix": cmd_matrix}[args.cmd](args)
 
 
 if __name__ == "__main__":

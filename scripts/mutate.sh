@@ -4,9 +4,13 @@
 # changed, runs the unit and end-to-end tests, and counts the faults they catch and miss.
 #
 #   scripts/mutate.sh [--rev REV] [--seed N] [--size N] [--sample FILE] [--work DIR]
-#                     [--results DIR] [--jobs N] [--timeout S]
+#                     [--results DIR] [--jobs N] [--timeout S] [--every]
 #   scripts/mutate.sh --list [--rev REV]        candidate faults by rule and file, no build
 #   scripts/mutate.sh --compare A B             caught before and after on the common faults
+#   scripts/mutate.sh --matrix DIR              which test catches which fault (a run with --every)
+#
+# --every runs every test for every fault instead of stopping at the first failure (slower),
+# so that --matrix can tell which tests catch a fault that no other test catches.
 #
 # The revision's tracked files are exported into a scratch tree (WORK/src, built in WORK/build
 # without optimisation), so the checkout is never touched. Not part of CI: a full run takes the
@@ -17,8 +21,8 @@ here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/.." && pwd)
 helper="$here/mutate.py"
 
-rev=HEAD seed=14 size=150 sample="" work="" results="" jobs=2 timeout=60 mode=run
-usage() { sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'; exit "${1:-2}"; }
+rev=HEAD seed=14 size=150 sample="" work="" results="" jobs=2 timeout=60 mode=run every=""
+usage() { sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit "${1:-2}"; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --rev) rev=$2; shift 2 ;;
@@ -30,7 +34,9 @@ while [ $# -gt 0 ]; do
         --jobs) jobs=$2; shift 2 ;;
         --timeout) timeout=$2; shift 2 ;;
         --list) mode=list; shift ;;
+        --every) every=--every; shift ;;
         --compare) [ $# -ge 3 ] || usage; exec python3 "$helper" compare "$2" "$3" ;;
+        --matrix) [ $# -ge 2 ] || usage; r=$2; [ -d "$r" ] && r=$r/results.jsonl; exec python3 "$helper" matrix "$r" ;;
         -h|--help) usage 0 ;;
         *) echo "mutate.sh: unknown option $1" >&2; usage ;;
     esac
@@ -93,4 +99,4 @@ echo "sample: $sample"
 echo "results: $results/results.jsonl, summary: $results/summary.txt"
 python3 "$helper" run "$src" "$build" "$sample" "$results" --work "$work" --rev "$rev" \
     --commit "$commit" --tests "$tests" --baseline-seconds "$seconds" --jobs "$jobs" \
-    --timeout "$timeout" --budget "$budget"
+    --timeout "$timeout" --budget "$budget" $every

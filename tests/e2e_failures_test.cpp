@@ -15,15 +15,12 @@ const std::string kLimited = kPlain + "ulimit -v 1048576; inst d inst";
 // A sparse file of 200 TB, more than any address space holds.
 const std::string kHuge = "mnt m size=1m && truncate -s 200T m/huge";
 const std::string kNullOk = "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}allocator_may_return_null=1 ";
-const std::string kInst = "inst dist inst", kMine =
-                                                "nobody \"$D/cvinst\" -d -post-install "
-                                                "-destination-dir \"$S/mine/inst\"";
+const std::string kInst = "inst dist inst";
+const std::string kMine = "nobody \"$D/cvinst\" -d -post-install -destination-dir \"$S/mine/inst\"";
 // The package without one or two of its files, the file (or something else) put into $S/inst instead.
-std::string without(const std::string& file, const std::string& instead, const std::string& also = "") {
-    return "tree t && rm " + shq("t/" + file) + (also.empty() ? "" : " " + shq("t/" + also)) +
-           " && mkd d t && "
-           "mkdir -p inst/bin && " +
-           instead;
+std::string without(Str file, Str instead, Str also = "") {
+    std::string removed = shq("t/" + file) + (also.empty() ? "" : " " + shq("t/" + also));
+    return "tree t && rm " + removed + " && mkd d t && mkdir -p inst/bin && " + instead;
 }
 const std::string kSubst = "inst d inst";
 
@@ -33,23 +30,13 @@ E2E_CASES(
     Failures,
     Case{"space_probe_blocked",
          "mkdir inst && ln -s /nonexistent inst/SPACECHECK",
-         "cvinst -post-install "
-         "-destination-dir \"$S/inst\"",
+         "cvinst -post-install -destination-dir \"$S/inst\"",
          kOpen,
          1,
          {msg("Slow disk space check failed."), "!" + kDone},
          {},
          {},
          EIO},
-    // An Eclipse location too long for its marker path is refused, not taken on a cut name.
-    Case{"eclipse_marker_cut_short",
-         kEclipse + " && d=$S/m && while [ ${#d} -lt 350 ]; do d=$d/$(printf %0150d 0); "
-                    "done && d=$d/$(printf %0$((499 - ${#d}))d 0)/x && mkdir -p $d && touch $d/.eclipse && "
-                    "echo $d >loc",
-         "printf '\\nyes\\n%s\\nn\\n' $(cat loc) >in && pl/cvinst -d <in",
-         "",
-         1,
-         {"!beside", "\n***\nThe Eclipse location is not valid: '$S/m/"}},
     Case{"link_file_in_the_way",
          kEclipse + " && mkdir -p ide/eclipse/links/com.corvane.eclipse.plugin.link",
          "pl/cvinst -d",
@@ -57,24 +44,20 @@ E2E_CASES(
          1,
          {"\n***\nError creating link file (21)\n***\n", "!" + kDone}},
     Case{"launch_script_not_writable",
-         kEclipse + " && mkdir -p mine ide/eclipse/links && chown 65534 mine "
-                    "ide/eclipse/links",
+         kEclipse + " && mkdir -p mine ide/eclipse/links && chown 65534 mine ide/eclipse/links",
          "nobody pl/cvinst -d +post-install",
          kOpen + "$S/ide\n$S/mine/r\n\n",
          0,
          {msg("Error creating $S/ide/eclipse/eclipse-cv.\n"), kDone},
          {"! test -e ide/eclipse/eclipse-cv"}},
-    // The copy of the state file: no source, a source that cannot be opened, a destination that
-    // cannot be written, opened, or given the source's mode.
-    // The copy of the state file, and then the macro list (not a file that opens, not a file that reads).
-    Case{"source_missing_list_a_directory",
-         without("corv.stu", "mkdir inst/cmacros.lst", "cmacros.lst"),
-         kSubst,
-         kOpen,
-         0,
-         {msg("Insufficient read access to $S/inst/corv.stu."),
-          msg("Cannot macros file list $S/inst/cmacros.lst."), "Compiling all macros", kDone},
-         {"! test -e inst/rescue.stu"}},
+    // The copy of the state file (no source, a source that cannot be opened, a destination that
+    // cannot be written, opened, or given the source's mode), and then the macro list (not a file
+    // that opens, not a file that reads).
+    opened("source_missing_list_a_directory", without("corv.stu", "mkdir inst/cmacros.lst", "cmacros.lst"),
+           kSubst, 0,
+           {msg("Insufficient read access to $S/inst/corv.stu."),
+            msg("Cannot macros file list $S/inst/cmacros.lst."), "Compiling all macros", kDone},
+           {"! test -e inst/rescue.stu"}),
     Case{"source_and_list_sockets",
          without("corv.stu", "sock inst/corv.stu && sock inst/cmacros.lst", "cmacros.lst"),
          kSubst,
@@ -83,70 +66,40 @@ E2E_CASES(
          {msg("Cannot open copy source file $S/inst/corv.stu."),
           msg("Cannot open macros list file $S/inst/cmacros.lst."), "Compiling all macros", kDone},
          {"! test -e inst/rescue.stu"}},
-    Case{"copy_destination_is_a_directory",
-         "mkdir -p inst/rescue.stu",
-         kInst,
-         kOpen,
-         0,
-         {msg("Cannot open copy destination file $S/inst/rescue.stu."), kDone}},
-    Case{"copy_destination_not_writable",
-         "mkdir -p mine/inst && echo x >mine/inst/rescue.stu && chown 65534 mine "
-         "mine/inst",
-         kMine,
-         kOpen,
-         0,
-         {msg("Insufficient write access to $S/mine/inst/rescue.stu."), kDone}},
-    Case{"copy_mode_not_settable",
-         "mkdir -p mine/inst && install -m 666 /dev/null mine/inst/rescue.stu && chown 65534 "
-         "mine mine/inst",
-         kMine,
-         kOpen,
-         0,
-         {msg("Warning: Cannot set permission bits for $S/mine/inst/rescue.stu."), kDone},
-         {"cmp mine/inst/rescue.stu \"$P/corv.stu\""}},
+    opened("copy_destination_is_a_directory", "mkdir -p inst/rescue.stu", kInst, 0,
+           {msg("Cannot open copy destination file $S/inst/rescue.stu."), kDone}),
+    opened("copy_destination_not_writable",
+           "mkdir -p mine/inst && echo x >mine/inst/rescue.stu && chown 65534 mine mine/inst", kMine, 0,
+           {msg("Insufficient write access to $S/mine/inst/rescue.stu."), kDone}),
+    opened(
+        "copy_mode_not_settable",
+        "mkdir -p mine/inst && install -m 666 /dev/null mine/inst/rescue.stu && chown 65534 mine mine/inst",
+        kMine, 0, {msg("Warning: Cannot set permission bits for $S/mine/inst/rescue.stu."), kDone},
+        {"cmp mine/inst/rescue.stu \"$P/corv.stu\""}),
     // Started from a directory too long for a path: setup.ini is read there all the same.
-    Case{"working_directory_too_long",
-         "d=$(printf %0200d 0) && mkdir -p w/$d/$d/$d && printf '[unattended]\\n"
-         "DestinationDir=rel\\n' >w/$d/$d/$d/setup.ini",
-         "cd w/*/*/* && q",
-         kOpen,
-         1,
-         {"!" + kDirQ, msg("Cannot determine the current directory for rel/.")}},
+    opened("working_directory_too_long",
+           "d=$(printf %0200d 0) && mkdir -p w/$d/$d/$d && "
+           "printf '[unattended]\\nDestinationDir=rel\\n' >w/$d/$d/$d/setup.ini",
+           "cd w/*/*/* && q", 1, {"!" + kDirQ, msg("Cannot determine the current directory for rel/.")}),
     // The macro list too big for memory.
-    Case{"macro_list_too_big",
-         without("cmacros.lst", "truncate -s 2147483647 inst/cmacros.lst"),
-         kLimited,
-         kOpen,
-         0,
-         {msg("Cannot allocate memory for macros file list $S/inst/cmacros.lst."), "Compiling all macros",
-          kDone}},
+    opened("macro_list_too_big", without("cmacros.lst", "truncate -s 2147483647 inst/cmacros.lst"), kLimited,
+           0,
+           {msg("Cannot allocate memory for macros file list $S/inst/cmacros.lst."), "Compiling all macros",
+            kDone}),
     // The merge of the user's alias file with the shipped one.
-    Case{"shipped_alias_missing",
-         without("$alias.crv", "echo bind >inst/alias.crv"),
-         kSubst,
-         kOpen,
-         1,
-         {msg("Cannot open $S/inst/$alias.crv"), "!Corvane Install", "!" + kDone}},
-    Case{"shipped_alias_too_big",
-         without("$alias.crv",
-                 "echo bind >inst/alias.crv && " + kHuge + " && ln -s \"$S/m/huge\" 'inst/$alias.crv'"),
-         kNullOk + kSubst,
-         kOpen,
-         1,
-         {msg("Cannot allocate memory to read file $S/inst/$alias.crv."), "!" + kDone}},
-    Case{"shipped_alias_is_a_directory",
-         without("$alias.crv", "echo bind >inst/alias.crv && mkdir 'inst/$alias.crv'"),
-         kSubst,
-         kOpen,
-         1,
-         {msg("Cannot read file $S/inst/$alias.crv."), "!" + kDone}},
-    Case{"alias_too_big",
-         "mkdir inst && " + kHuge + " && ln -s \"$S/m/huge\" inst/alias.crv",
-         kNullOk + kInst,
-         kOpen,
-         0,
-         {msg("Cannot update $S/inst/alias.crv."), kDone},
-         {"! test -e inst/bin/corv.ini && test -e 'inst/$alias.crv'"}},
+    opened("shipped_alias_missing", without("$alias.crv", "echo bind >inst/alias.crv"), kSubst, 1,
+           {msg("Cannot open $S/inst/$alias.crv"), "!Corvane Install", "!" + kDone}),
+    opened("shipped_alias_too_big",
+           without("$alias.crv",
+                   "echo bind >inst/alias.crv && " + kHuge + " && ln -s \"$S/m/huge\" 'inst/$alias.crv'"),
+           kNullOk + kSubst, 1,
+           {msg("Cannot allocate memory to read file $S/inst/$alias.crv."), "!" + kDone}),
+    opened("shipped_alias_is_a_directory",
+           without("$alias.crv", "echo bind >inst/alias.crv && mkdir 'inst/$alias.crv'"), kSubst, 1,
+           {msg("Cannot read file $S/inst/$alias.crv."), "!" + kDone}),
+    opened("alias_too_big", "mkdir inst && " + kHuge + " && ln -s \"$S/m/huge\" inst/alias.crv",
+           kNullOk + kInst, 0, {msg("Cannot update $S/inst/alias.crv."), kDone},
+           {"! test -e inst/bin/corv.ini", "test -e 'inst/$alias.crv'"}),
     Case{"corv_ini_is_a_directory",
          "mkdir -p inst/bin/corv.ini",
          kInst,
@@ -155,42 +108,29 @@ E2E_CASES(
          {msg("Cannot create $S/inst/bin/corv.ini."), kDone},
          {"! test -e inst/rescue.stu"}},
     // Unpacking: no pipe to tar for want of descriptors, a package that cannot be read or opened.
-    Case{"no_pipe_for_tar",
-         "",
-         kPlain + "ulimit -n 4; " + kInst,
-         kOpen,
-         1,
-         {msg("popen failed\n") + msg("Cannot unpack distribution."), "!" + kDone}},
-    Case{"package_not_readable",
-         "cp -a \"$D\" np && chmod 600 np/cvpack && mkdir mine && chown 65534 mine",
-         "nobody np/cvinst -d -post-install -destination-dir \"$S/mine/inst\"",
-         kOpen,
-         1,
-         {msg("Missing distribution file $S/np/cvpack."), "!" + kDone}},
-    Case{"package_is_a_socket",
-         "cp -a \"$D\" s && rm s/cvpack && sock s/cvpack",
-         "s/cvinst -d -post-install "
-         "-destination-dir \"$S/inst\"",
-         kOpen,
-         1,
-         {"Unpacking files: ", "!Corvane Install", "[stderr]\ngzopen error\n"}},
+    opened("no_pipe_for_tar", "", kPlain + "ulimit -n 4; " + kInst, 1,
+           {msg("popen failed\n") + msg("Cannot unpack distribution."), "!" + kDone}),
+    opened("package_not_readable", "cp -a \"$D\" np && chmod 600 np/cvpack && mkdir mine && chown 65534 mine",
+           "nobody np/cvinst -d -post-install -destination-dir \"$S/mine/inst\"", 1,
+           {msg("Missing distribution file $S/np/cvpack."), "!" + kDone}),
+    opened("package_is_a_socket", "cp -a \"$D\" s && rm s/cvpack && sock s/cvpack",
+           "s/cvinst -d -post-install -destination-dir \"$S/inst\"", 1,
+           {"Unpacking files: ", "!Corvane Install", "[stderr]\ngzopen error\n"}),
     // Verification of a file too big for memory.
-    Case{"listed_file_too_big",
-         "tree t && { \"$MK\" --payload t --list-only && echo 'huge 2147483000 5'; } >l && mv l "
-         "t/distribfilelist && tard d t && mkdir inst && truncate -s 2147483000 inst/huge",
-         kLimited,
-         kOpen,
-         1,
-         {msg("Cannot allocation memory to check $S/inst/huge.") +
-          msg("Error detected in $S/inst/huge. Mismatched "
-              "checksum: expected=5 actual=4294967295")}},
+    opened("listed_file_too_big",
+           "tree t && { \"$MK\" --payload t --list-only && echo 'huge 2147483000 5'; } >l && "
+           "mv l t/distribfilelist && tard d t && mkdir inst && truncate -s 2147483000 inst/huge",
+           kLimited, 1,
+           {msg("Cannot allocation memory to check $S/inst/huge.") +
+            msg("Error detected in $S/inst/huge. Mismatched checksum: expected=5 actual=4294967295")}),
     // The message file of a plug-in distribution: missing, not one, and without the text asked for.
+    // Its texts are wrapped at 60 columns, the sandbox path behind the dot of "/tmp/cvinst-e2e.".
     Case{"message_file_problems",
-         "for m in missing bad plain; do cp -a \"$B/dist-plugin\" $m; done && rm "
-         "missing/cdinst.cvb && echo bad >bad/cdinst.cvb && printf '0\\tUnexpected error.\\n' >m.msg && "
+         "for m in missing bad plain; do cp -a \"$B/dist-plugin\" $m; done && rm missing/cdinst.cvb && "
+         "echo bad >bad/cdinst.cvb && printf '0\\tUnexpected error.\\n' >m.msg && "
          "\"${MK%/*}/cvbc\" compile m.msg plain/cdinst.cvb",
          "for m in missing bad plain; do $m/cvinst -d <<<$'\\nyes\\n\\nn'; done",
          "",
          1,
-         {"\n***\nUnable to open message file '$S/missing/cdinst.cvb' not found\n***\n",
+         {"\n***\nUnable to open message file '/tmp/cvinst-e2e.\n", "/missing/cdinst.cvb' not found\n***\n",
           "\n***\nMessage file '$S/bad/cdinst.cvb' empty\n***\n", "\n***\nUnexpected error.\n***\n"}});

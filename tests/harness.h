@@ -53,6 +53,10 @@ inline std::string msg(const std::string& text) {
 inline std::string noAccess(const std::string& dir) {
     return msg("Insufficient access to " + dir + ". Read/Write access is required.");
 }
+// A case whose run is given the pause and the agreement (kOpen) and nothing more.
+inline Case opened(Str name, Str setup, Str command, int status, const Lines& out, const Lines& checks = {}) {
+    return {name, setup, command, kOpen, status, out, checks};
+}
 // The text as one single-quoted shell word.
 std::string shq(const std::string& text);
 // A file of the demo payload.
