@@ -14,16 +14,16 @@ struct SideFile {
     std::string MkdistOptions::*source;
     const char* option;
     const char* name;  // in the distribution directory
-    mode_t mode;
     const char* what;
+    mode_t mode;
     bool required;  // a distribution without it is refused unless --allow-incomplete
 };
 const SideFile kSideFiles[] = {
-    {&MkdistOptions::installer, "--installer", "cvinst", 0755, "the installer", true},
-    {&MkdistOptions::messages, "--messages", "cdinst.cvb", 0644, "the message file", true},
-    {&MkdistOptions::license, "--license", "license.txt", 0644, "the licence text", true},
+    {&MkdistOptions::installer, "--installer", "cvinst", "the installer", 0755, true},
+    {&MkdistOptions::messages, "--messages", "cdinst.cvb", "the message file", 0644, true},
+    {&MkdistOptions::license, "--license", "license.txt", "the licence text", 0644, true},
     // The installation checker, by default the one beside cvmkdist.
-    {&MkdistOptions::checker, "--checker", "cvcheck", 0755, "the installation checker", true},
+    {&MkdistOptions::checker, "--checker", "cvcheck", "the installation checker", 0755, true},
 };
 
 }  // namespace
