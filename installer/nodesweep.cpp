@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <ctime>
 
 #include "installer/console.h"
 #include "installer/treewalk.h"
@@ -26,16 +27,15 @@ const char* kindOf(mode_t mode) {
     return nullptr;
 }
 
-bool changedSince(const struct stat& info, const struct timespec& since) {
-    if (info.st_ctim.tv_sec != since.tv_sec) return info.st_ctim.tv_sec > since.tv_sec;
-    return info.st_ctim.tv_nsec >= since.tv_nsec;
+bool later(const struct timespec& a, const struct timespec& b) {
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
 }
 
 int32_t removeIfSpecial(int dirFd, const char* name, const char* rel, const struct stat& info,
                         void* context) {
     auto* sweep = static_cast<Sweep*>(context);
     const char* kind = kindOf(info.st_mode);
-    if (kind == nullptr || !changedSince(info, sweep->since)) return 0;
+    if (kind == nullptr || !later(info.st_ctim, sweep->since)) return 0;
     sweep->found++;
     if (unlinkat(dirFd, name, 0) == 0) {
         printMessage("Removed %s%s: the package may not install a %s.", sweep->dir, rel, kind);
@@ -46,6 +46,19 @@ int32_t removeIfSpecial(int dirFd, const char* name, const char* rel, const stru
 }
 
 }  // namespace
+
+void markBeforeUnpacking(struct timespec* mark) {
+    // The fine clock for the mark: a file changed a moment ago may carry a time that the coarse
+    // clock, a tick behind, has not reached yet. Then wait for the coarse clock, which stamps most
+    // new files, to pass the mark, so that nothing made afterwards can carry the mark's own time.
+    clock_gettime(CLOCK_REALTIME, mark);
+    for (int tries = 0; tries < 1000; tries++) {
+        struct timespec coarse;
+        clock_gettime(CLOCK_REALTIME_COARSE, &coarse);
+        if (later(coarse, *mark)) return;
+        usleep(500);
+    }
+}
 
 int32_t removeSpecialFiles(const char* dir, const struct timespec& since) {
     Sweep sweep{dir, since, 0};

@@ -6,7 +6,12 @@
 
 #include <cstdint>
 
-// Removes the device nodes, FIFOs and sockets in dir (ends in "/") whose status changed at or after
-// since, the time unpacking began: those the package brought. What was there before is left alone.
+// The time before unpacking that tells what unpacking made. Everything already there has a status
+// change time at or before it; on return, the clocks the kernel stamps files with have passed it,
+// so that whatever is made from now on carries a later time (waits at most one clock tick).
+void markBeforeUnpacking(struct timespec* mark);
+// Removes the device nodes, FIFOs and sockets in dir (ends in "/") whose status changed after
+// since, the mark taken before unpacking: those the package brought. What was there before is left
+// alone.
 // Each is reported; 0 when there was none, 1 after the reports.
 int32_t removeSpecialFiles(const char* dir, const struct timespec& since);

@@ -98,10 +98,9 @@ int32_t unpackDistribution() {
         printMessage("Missing distribution file %s.", archive);
         return 1;
     }
-    // The coarse clock is the one the kernel stamps new files with: whatever tar makes from here on
-    // has a status change time at or after this one.
+    // Whatever tar makes from here on has a status change time after this mark.
     struct timespec unpackStart;
-    clock_gettime(CLOCK_REALTIME_COARSE, &unpackStart);
+    markBeforeUnpacking(&unpackStart);
     if (extractArchive(archive, nullptr, nullptr) != 0) {
         printMessage("Cannot unpack distribution.");
         return 1;
