@@ -154,6 +154,20 @@ run_one() {
   echo "$((end - start)) $(children_cpu <"$runs/cpu")"
 }
 
+# Runs one round's kinds in the order given and appends each one's wall-clock and CPU time to
+# $t/KIND and $t/KIND-cpu of the caller; the caller's took[KIND] keeps this round's wall-clock time.
+time_round() {  # time_round DIST_DIR ROUND KIND...
+  local dir=$1 r=$2 kind result wall cpu
+  shift 2
+  for kind; do
+    result=$(run_one "$kind" "$dir" "$r")
+    read -r wall cpu <<<"$result"
+    took[$kind]=$wall
+    echo "$wall" >>"$t/$kind"
+    echo "$cpu" >>"$t/$kind-cpu"
+  done
+}
+
 report() {  # label, file of wall-clock times, file of CPU times (microseconds)
   local label=$1 m lo hi cm
   read -r m lo hi < <(stats <"$2")
@@ -175,18 +189,11 @@ time_rounds() {
   rm -rf "$t" && mkdir -p "$t"
   local kinds=(tar install skip) order kind
   local -A took=()
-  local result wall cpu
   for kind in "${kinds[@]}"; do run_one "$kind" "$dir" w >/dev/null; done   # warm-up
   echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (rounds: $rounds, unpacking into $target_kind)"
   for ((r = 0; r < rounds; r++)); do
     order=("${kinds[@]:r%3}" "${kinds[@]:0:r%3}")
-    for kind in "${order[@]}"; do
-      result=$(run_one "$kind" "$dir" "$r")
-      read -r wall cpu <<<"$result"
-      took[$kind]=$wall
-      echo "$wall" >>"$t/$kind"
-      echo "$cpu" >>"$t/$kind-cpu"
-    done
+    time_round "$dir" "$r" "${order[@]}"
     awk -v a="${took[install]}" -v b="${took[tar]}" 'BEGIN {print a / b}' >>"$t/install-ratio"
     awk -v a="${took[skip]}" -v b="${took[tar]}" 'BEGIN {print a / b}' >>"$t/skip-ratio"
   done
@@ -269,7 +276,7 @@ bench_demo() {
 
 # The 142 MB installation through its self-extracting file against the same from the directory.
 bench_selfextract() {
-  local dir=$work/full rounds=$1 t=$work/full/run-times order kind result wall cpu
+  local dir=$work/full rounds=$1 t=$work/full/run-times order kind
   local -A took=()
   make_dist full 1
   rm -rf "$t" && mkdir -p "$t"
@@ -280,13 +287,7 @@ bench_selfextract() {
   for ((r = 0; r < rounds; r++)); do
     order=(install run check unpack)
     [ $((r % 2)) -eq 1 ] && order=(run install unpack check)
-    for kind in "${order[@]}"; do
-      result=$(run_one "$kind" "$dir" "$r")
-      read -r wall cpu <<<"$result"
-      took[$kind]=$wall
-      echo "$wall" >>"$t/$kind"
-      echo "$cpu" >>"$t/$kind-cpu"
-    done
+    time_round "$dir" "$r" "${order[@]}"
     awk -v a="${took[run]}" -v b="${took[install]}" 'BEGIN {print a / b}' >>"$t/ratio"
   done
   report "cvinst from the directory" "$t/install" "$t/install-cpu"

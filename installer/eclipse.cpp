@@ -122,17 +122,21 @@ int32_t checkCopyTarget(int /*dirFd*/, const char* /*name*/, const char* rel, co
     return checkConfined(check->root, destination, true);
 }
 
+// A plug-in directory as unpacked and under its versioned name, both in the installation
+// directory. 1 when a path does not fit the buffers: such a directory cannot be moved by name.
+int32_t pluginDirPaths(const char* name, char* unpacked, char* versioned) {
+    if (formatPath(unpacked, "%seclipse/%s", gState.installDir, name) != 0) return 1;
+    return formatPath(versioned, "%seclipse/%s_%d.%d.%d", gState.installDir, name, kPluginMajor, kPluginMinor,
+                      kPluginMicro);
+}
+
 // The shell commands of the layout move, copy and remove below the plug-in root; none of their
 // names may be reached through a link that leads out of it. 0, or 1 after the refusal.
 int32_t checkLayoutCommands(const char* root) {
     for (const char* name : kPluginDirs) {
         char unpacked[kPathSize];
         char versioned[kPathSize];
-        if (formatPath(unpacked, "%seclipse/%s", gState.installDir, name) != 0 ||
-            formatPath(versioned, "%seclipse/%s_%d.%d.%d", gState.installDir, name, kPluginMajor,
-                       kPluginMinor, kPluginMicro) != 0) {
-            continue;
-        }
+        if (pluginDirPaths(name, unpacked, versioned) != 0) continue;
         // mv moves a link itself, but moves into a directory that its target names.
         if (checkConfined(root, unpacked, false) != 0 || checkConfined(root, versioned, true) != 0) return 1;
     }
@@ -188,11 +192,7 @@ int32_t layOutEclipsePlugin() {
     for (const char* name : kPluginDirs) {
         char unpacked[kPathSize];
         char versioned[kPathSize];
-        if (formatPath(unpacked, "%seclipse/%s", gState.installDir, name) != 0 ||
-            formatPath(versioned, "%seclipse/%s_%d.%d.%d", gState.installDir, name, kPluginMajor,
-                       kPluginMinor, kPluginMicro) != 0) {
-            continue;  // a path that does not fit the buffers cannot be moved by name
-        }
+        if (pluginDirPaths(name, unpacked, versioned) != 0) continue;
         if (formatShellCommand(command, sizeof(command), "mv \"%s\" \"%s\"", unpacked, versioned) == 0)
             runShell(command);
     }
