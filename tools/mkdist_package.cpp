@@ -68,9 +68,7 @@ int writePackage(const Payload& payload, const std::vector<GeneratedMember>& gen
     std::string work;
     if (makeWorkDirectory(&work) != 0) return 1;
     std::string staging = work + "/tree", members = work + "/members", partial = packagePath + ".part";
-    std::vector<std::string> tar = {"tar", "-C", staging, "--no-recursion", "--null", "-T", members};
-    appendReproducibleTarOptions(epoch, &tar);
-    tar.insert(tar.end(), {"-cf", "-"});
+    std::vector<std::string> tar = reproducibleTarCommand(staging, members, epoch);
 
     int result = 1;
     if (mkdir(staging.c_str(), 0755) != 0) {

@@ -116,9 +116,7 @@ int writeSelfExtracting(const std::string& distDir, const std::string& file, lon
     std::string work;
     if (makeWorkDirectory(&work) != 0) return 1;
     std::string members = work + "/members", archivePath = work + "/archive", partial = file + ".part";
-    std::vector<std::string> tar = {"tar", "-C", distDir, "--no-recursion", "--null", "-T", members};
-    appendReproducibleTarOptions(epoch, &tar);
-    tar.insert(tar.end(), {"-cf", "-"});
+    std::vector<std::string> tar = reproducibleTarCommand(distDir, members, epoch);
     int result = 1;
     int archive = open(archivePath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (archive < 0) {

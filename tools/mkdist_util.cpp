@@ -177,7 +177,11 @@ int sourceDateEpoch(long long* epoch) {
     return 0;
 }
 
-void appendReproducibleTarOptions(long long epoch, std::vector<std::string>* argv) {
-    argv->insert(argv->end(), {"--format=gnu", "--owner=0", "--group=0", "--numeric-owner"});
-    if (epoch >= 0) argv->insert(argv->end(), {"--mtime=@" + std::to_string(epoch), "--clamp-mtime"});
+std::vector<std::string> reproducibleTarCommand(const std::string& dir, const std::string& members,
+                                                long long epoch) {
+    std::vector<std::string> argv = {"tar", "-C", dir, "--no-recursion", "--null", "-T", members};
+    argv.insert(argv.end(), {"--format=gnu", "--owner=0", "--group=0", "--numeric-owner"});
+    if (epoch >= 0) argv.insert(argv.end(), {"--mtime=@" + std::to_string(epoch), "--clamp-mtime"});
+    argv.insert(argv.end(), {"-cf", "-"});
+    return argv;
 }

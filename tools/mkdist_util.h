@@ -39,6 +39,8 @@ int waitProgram(pid_t pid, const std::vector<std::string>& argv);
 // SOURCE_DATE_EPOCH from the environment: -1 when it is not set. Returns 1 after a message when
 // it is set but not a number of seconds.
 int sourceDateEpoch(long long* epoch);
-// The tar options that make an archive the same wherever it is built: owner and group 0 by
+// A tar command that writes to standard output an archive of the names listed (NUL-separated) in
+// the file `members`, relative to `dir`, the same wherever it is built: owner and group 0 by
 // number, and with an epoch (not -1) no time later than it.
-void appendReproducibleTarOptions(long long epoch, std::vector<std::string>* argv);
+std::vector<std::string> reproducibleTarCommand(const std::string& dir, const std::string& members,
+                                                long long epoch);
