@@ -61,8 +61,8 @@ children_cpu() { awk 'NR == 2 { split($1, u, "m"); split($2, s, "m"); printf "%d
 make_dist() {
   local name=$1 divisor=$2 dir=$work/$1
   local key
-  key=$( (sha256sum "$build/bench/genpayload" "$build/tools/cvmkdist" "$build/installer/cvinst" "$build/cdinst.cvb" \
-            "$build/tools/cvcheck"
+  key=$( (sha256sum "$build/bench/genpayload" "$build/bin/cvmkdist" "$build/installer/cvinst" "$build/cdinst.cvb" \
+            "$build/bin/cvcheck"
           find demo/payload -type f -print0 |
           sort -z | xargs -0 sha256sum; echo "$divisor") | sha256sum | cut -c1-16)
   if [ ! -f "$dir/dist/cvpack" ] || [ "$(cat "$dir/key" 2>/dev/null)" != "$key" ]; then
@@ -72,9 +72,9 @@ make_dist() {
     cp -R demo/payload/. "$dir/payload/"
     # One fixed time on every entry: the same payload packs into the same bytes.
     find "$dir/payload" -exec touch -h -d @1700000000 {} +
-    "$build/tools/cvmkdist" --payload "$dir/payload" --package cvpack --out "$dir/dist" \
+    "$build/bin/cvmkdist" --payload "$dir/payload" --package cvpack --out "$dir/dist" \
       --installer "$build/installer/cvinst" --messages "$build/cdinst.cvb" --license demo/payload/license.txt \
-      --checker "$build/tools/cvcheck" --self-extracting "$dir/corvane.run"
+      --checker "$build/bin/cvcheck" --self-extracting "$dir/corvane.run"
     rm -rf "$dir/payload"
     echo "$key" >"$dir/key"
   fi

@@ -23,5 +23,5 @@ run-clang-tidy -p build-clang -quiet -j"$jobs" '/(installer|runtime|tools|tests|
 echo "no findings"
 
 echo "== shellcheck"
-shellcheck -s sh tools/selfextract.sh
+shellcheck -s sh tools/cvmkdist/selfextract.sh
 echo "no findings"

@@ -1,0 +1,62 @@
+// Writing and reading the SHA-256 list in sha256sum's format.
+#include "tools/common/sha256list.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+int buildSha256List(const char* program, const std::string& root, std::vector<std::string> names,
+                    std::string* list) {
+    std::sort(names.begin(), names.end());
+    list->clear();
+    for (const std::string& name : names) {
+        char hex[kSha256HexSize];
+        if (sha256File((root + "/" + name).c_str(), hex) != 0) {
+            fprintf(stderr, "%s: cannot read %s/%s: %s\n", program, root.c_str(), name.c_str(),
+                    strerror(errno));
+            return 1;
+        }
+        *list += sha256SumLine(hex, name);
+    }
+    return 0;
+}
+
+int parseSha256Line(const std::string& line, Sha256Entry* entry) {
+    bool escaped = !line.empty() && line[0] == '\\';
+    size_t at = escaped ? 1 : 0;
+    if (line.size() < at + 66) return 1;
+    for (int i = 0; i < 64; i++) {
+        auto c = static_cast<unsigned char>(line[at + i]);
+        if (isxdigit(c) == 0) return 1;
+        entry->hex[i] = static_cast<char>(tolower(c));
+    }
+    entry->hex[64] = '\0';
+    at += 64;
+    if (line[at] != ' ' || (line[at + 1] != ' ' && line[at + 1] != '*')) return 1;
+    entry->name.clear();
+    for (at += 2; at < line.size(); at++) {
+        char c = line[at];
+        if (escaped && c == '\\') {
+            if (++at >= line.size()) return 1;
+            c = line[at] == 'n' ? '\n' : line[at];
+        }
+        entry->name += c;
+    }
+    return entry->name.empty() ? 1 : 0;
+}
+
+size_t parseSha256List(const std::string& text, std::vector<Sha256Entry>* entries) {
+    size_t number = 0;
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        number++;
+        Sha256Entry entry;
+        if (parseSha256Line(text.substr(start, end - start), &entry) != 0) return number;
+        entries->push_back(entry);
+        start = end + 1;
+    }
+    return 0;
+}

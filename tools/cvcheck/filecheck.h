@@ -1,0 +1,31 @@
+// Checking installed files against their listed size and byte sum or SHA-256 digest.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "tools/cvcheck/installation.h"
+
+enum Drift { kSame, kMissing, kSize, kContent, kUnreadable };
+enum CheckMethod { kBySize, kByByteSum, kBySha256 };
+
+struct FileCheck {
+    Drift drift;
+    CheckMethod method;
+    long long actualSize;  // with kSize
+    int error;             // errno with kUnreadable; with kContent ELOOP for a link and 0 for
+                           // something else where a regular file was listed, ENOTDIR for a
+                           // directory on the way that is a link or no directory
+};
+
+// The strongest check the lists allow for a file: its digest, its byte sum, or its size alone.
+CheckMethod checkMethod(const ListedFile& file);
+// Checks the file leaf in the directory dirFd, never following a symbolic link.
+FileCheck checkFileAt(int dirFd, const char* leaf, const ListedFile& file);
+// Checks every file at its installed location, on as many threads as there are processors;
+// the results come in the order of files.
+std::vector<FileCheck> checkFiles(const Installation& installation,
+                                  const std::vector<const ListedFile*>& files);
+// "missing", "size", "content" or "unreadable"; "same" for kSame.
+const char* driftName(Drift drift);
+// "size", "bytesum" or "sha256".
+const char* methodName(CheckMethod method);

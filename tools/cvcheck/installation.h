@@ -1,0 +1,52 @@
+// An installation as the installer leaves it: the newest dated file list, the SHA-256 list when
+// the package had one, and where each listed file lies once the installation is done.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/cvcheck/madefiles.h"
+#include "tools/common/sha256.h"
+
+// The directory a listed file's location is relative to: the installation directory, or in
+// plug-in mode the plug-in layout directory "<root>/eclipse/" (for names listed below "eclipse/").
+enum FileBase { kBaseInstall, kBaseLayout };
+
+struct ListedFile {
+    std::string name;      // as listed
+    FileBase base;         // where the installation put it
+    std::string location;  // relative to that directory
+    int32_t size;          // as the installer reads the list
+    int32_t checksum;      // byte sum, 0: not checked
+    bool hasDigest;        // named in the SHA-256 list
+    char digest[kSha256HexSize];
+    MadeKind made;    // the installation's own kind of the location (kMadeNone for most)
+    bool superseded;  // a later listed file was placed on the same location
+};
+
+struct Installation {
+    std::string dir;      // the directory given, resolved, ending in "/"
+    std::string install;  // the installation directory (holds the lists), ending in "/"
+    std::string layout;   // plug-in mode: the plug-in layout directory, ending in "/"
+    std::string root;     // plug-in mode: the plug-in root, ending in "/"
+    bool plugin = false;
+    int dirFd = -1, installFd = -1, layoutFd = -1;
+    std::string listName;    // the newest dated list, in the installation directory
+    std::string listSha256;  // its SHA-256: the same release has the same list
+    bool sha256List = false;
+    std::vector<ListedFile> files;
+};
+
+// The name a plug-in directory of the package (installer/eclipse.h) has after the layout step.
+std::string versionedName(const char* name);
+// Opens the installation in dir (an installation directory, or a plug-in root or its core
+// plug-in directory) and reads its lists. 0, or 1 with the reason in *why.
+int openInstallation(const char* dir, Installation* installation, std::string* why);
+void closeInstallation(Installation* installation);
+// Descriptor and path of the directory a base stands for.
+int baseFd(const Installation& installation, FileBase base);
+const std::string& basePath(const Installation& installation, FileBase base);
+// Where a listed file lies, as an absolute path.
+std::string installedPath(const Installation& installation, const ListedFile& file);
+// True when a listed file's location lies in the directory given.
+bool insideDir(const Installation& installation, const ListedFile& file);
