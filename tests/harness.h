@@ -1,6 +1,7 @@
 // End-to-end harness. Every case is a row of a table: bash command lines run in a fresh sandbox
 // that holds a copy of the demo distribution, then the output and the files left behind are
-// checked. The helpers that the command lines use are in the prelude of harness.cpp.
+// checked. The shell functions that the command lines use (tree, tard, inst, ...) are in
+// tests/lib.sh, which is sourced before each of them.
 #pragma once
 #include <gtest/gtest.h>
 
