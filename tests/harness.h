@@ -41,9 +41,6 @@ inline const std::string kCreate = "does not exist. Create [Y]? ";
 inline const std::string kDone = "INSTALLATION SUCCESSFULLY COMPLETED";
 inline const std::string kStars(61, '*');
 inline const std::string kOpen = "\nyes\n";  // Enter at the pause, "yes" to the agreement
-// A stand-in Eclipse in $S/ide/eclipse, and the plug-in distribution copied to $S/pl.
-inline const std::string kEclipse =
-    "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
 // Input of a whole interactive run into dir, created on the question.
 inline std::string answers(const std::string& dir) {
     return kOpen + dir + "\ny\n";
