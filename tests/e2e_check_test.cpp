@@ -52,10 +52,9 @@ E2E_CASES(
         R"sh(ck verify nowhere --json | python3 -m json.tool)sh",
         "",
         0,
-        {"^status 1\n"
-         R"(differs sha256 2 [('bin/cvtw', 'missing', 'sha256', None), ('odd\\"\x01\ufffd', )"
-         R"('missing', 'bytesum', '6f64645c2201ff')])"
-         "\n",
+        {"^status 1\n" +
+             line(R"(differs sha256 2 [('bin/cvtw', 'missing', 'sha256', None), ('odd\\"\x01\ufffd', )"
+                  R"('missing', 'bytesum', '6f64645c2201ff')])"),
          R"("status": "cannot-check")",
          "[stderr]\ncvcheck: cannot check nowhere: cannot open nowhere: No such"}},
     Case{"verify_cannot_check",
