@@ -22,7 +22,7 @@ export SOURCE_DATE_EPOCH=$epoch
 # copy DEST UMASK: the source tree as a checkout under that umask would leave it.
 copy() {
   mkdir -p "$1"
-  tar -C "$src" --exclude-vcs --exclude='./build*' --exclude=__pycache__ -cf - . |
+  tar -C "$src" --exclude-vcs --exclude='./build*' --exclude=./release --exclude=__pycache__ -cf - . |
     (umask "$2" && tar -C "$1" --no-same-permissions -xf -)
   if [ "$2" = 002 ]; then chmod -R g+w "$1"; fi
 }
