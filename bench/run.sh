@@ -70,6 +70,8 @@ make_dist() {
     rm -rf "$dir" && mkdir -p "$dir"
     "$build/bench/genpayload" "$dir/payload" "$divisor"
     cp -R demo/payload/. "$dir/payload/"
+    # The modes git records, whatever the checkout's umask: cvmkdist refuses group-writable files.
+    chmod -R u+w,go-w,a+rX "$dir/payload"
     # One fixed time on every entry: the same payload packs into the same bytes.
     find "$dir/payload" -exec touch -h -d @1700000000 {} +
     "$build/bin/cvmkdist" --payload "$dir/payload" --package cvpack --out "$dir/dist" \

@@ -51,6 +51,8 @@ int checkInputs(const MkdistOptions& options, const Payload& payload,
         fprintf(stderr,
                 "cvmkdist: nothing was built (--allow-incomplete builds a test distribution anyway)\n");
         refuse = true;
+    } else if (refuse) {
+        fprintf(stderr, "cvmkdist: nothing was built\n");
     }
     return refuse ? 1 : 0;
 }
@@ -73,6 +75,8 @@ int main(int argc, char** argv) {
     Payload payload;
     if (walkPayload(options.payload, generatedNames, &payload) != 0) return 1;
     std::vector<std::string> problems = payload.problems;
+    if (!options.allowGroupWrite)
+        problems.insert(problems.end(), payload.groupWritable.begin(), payload.groupWritable.end());
     std::string list = buildFileList(payload, &problems);
     if (options.listOnly) {
         if (!problems.empty())

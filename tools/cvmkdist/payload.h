@@ -19,8 +19,12 @@ struct Payload {
     std::vector<PayloadEntry> entries;  // depth first, names sorted
     struct timespec newest = {0, 0};    // newest modification time of any entry
     // One text for each entry that a package must not carry: device nodes, FIFOs, sockets,
-    // symbolic links that lead out of the payload, names with line breaks.
+    // symbolic links that lead out of the payload, names with line breaks, files and directories
+    // that others may write.
     std::vector<std::string> problems;
+    // The same for files and directories that their group may write: refused unless the release
+    // engineer says that the group is meant to (--allow-group-write).
+    std::vector<std::string> groupWritable;
 };
 
 // Reads the tree below root. Top-level names in reserved are left out with a warning: the
