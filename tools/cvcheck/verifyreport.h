@@ -19,5 +19,8 @@ struct VerifyReport {
 int verifyStatus(const VerifyReport& report);
 void printVerifyText(const VerifyReport& report);
 void printVerifyJson(const VerifyReport& report);
-// The installation cannot be checked: the reason on standard error, and with json the document.
-void printCannotCheck(const char* dir, const std::string& why, bool json);
+// What to do about the findings, one sentence; "" when nothing differs.
+std::string verifyAdvice(const VerifyReport& report);
+// The installation cannot be checked: the reason and what to do ("" when there is no advice) on
+// standard error, and with json the document.
+void printCannotCheck(const char* dir, const std::string& why, const std::string& advice, bool json);
