@@ -60,6 +60,15 @@ print([(f["path"], f["kind"], f["detail"]) for f in d["files"]], d["counts"]["mo
           "[('bin/cv', 'owner', 'listed root, owned by uid 65534'), ('bin/cvtw', 'mode', 'listed 0755, is "
           "0644')] "
           "1 1\n"}},
+    // A directory that others may now write: whoever can write bin/ can replace the programs in it.
+    Case{"verify_names_directory_mode",
+         kInstall + "chmod 777 i/bin",
+         R"sh(ck verify i; echo "status $?"; ck verify i --json | python3 -c '
+import json, sys; d = json.load(sys.stdin); print(d["counts"]["directories"], d["files"][0]["path"])')sh",
+         "",
+         0,
+         {"^mode       $S/i/bin/ (listed 0755, is 0777)\ncvcheck: 0 of 16 checked files differ in $S/i/ (",
+          "), and 1 of 4 directories differ\n" + kAdvice + "status 1\n4 bin/\n"}},
     // A user's installation under umask 077: group and other bits the umask took are no difference,
     // and a file the user owns is no owner difference.
     Case{"verify_user_umask_is_no_difference",

@@ -92,6 +92,22 @@ FileCheck checkFileAt(int dirFd, const char* leaf, const ListedFile& file) {
     return found;
 }
 
+FileCheck checkDirectoryAt(int baseFd, const ListedFile& dir) {
+    FileCheck found{kSame, kBySize, 0, 0};
+    int fd = openDirBelow(baseFd, dir.location);
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        if (fd >= 0) close(fd);
+        return found;
+    }
+    close(fd);
+    found.modeChanged = dir.mode >= 0 && modeDiffers(static_cast<mode_t>(dir.mode), info.st_mode);
+    found.ownerChanged = dir.ownerRoot && info.st_uid != 0;
+    found.mode = info.st_mode & 07777;
+    found.owner = info.st_uid;
+    return found;
+}
+
 bool differs(const FileCheck& check) {
     return check.drift == kMissing || check.drift == kSize || check.drift == kContent || check.modeChanged ||
            check.ownerChanged;

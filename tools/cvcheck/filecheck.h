@@ -29,6 +29,9 @@ FileCheck checkFileAt(int dirFd, const char* leaf, const ListedFile& file);
 // the results come in the order of files.
 std::vector<FileCheck> checkFiles(const Installation& installation,
                                   const std::vector<const ListedFile*>& files);
+// The mode and owner of a listed directory (its location below the base directory baseFd); a
+// directory that is gone or no directory is left to the checks of the files in it (kSame).
+FileCheck checkDirectoryAt(int baseFd, const ListedFile& dir);
 // True when the file differs in any way: its content or size, its mode or its owner.
 bool differs(const FileCheck& check);
 // "missing", "size", "content" or "unreadable"; "same" for kSame.

@@ -132,3 +132,17 @@ TEST_F(FileCheckTest, DigestAlone) {
     EXPECT_EQ(checkFileAt(fd_, "abc", listed(-1, 0, kAbc)).drift, kSame);
     EXPECT_EQ(checkFileAt(fd_, "bac", listed(-1, 0, kAbc)).drift, kContent);
 }
+
+// A directory's mode: one that others may write differs; one that is gone is left to its files.
+TEST_F(FileCheckTest, DirectoryMode) {
+    ASSERT_EQ(chmod((root_ + "/sub").c_str(), 0777), 0);
+    ListedFile dir{"sub", kBaseInstall, "sub", -1, 0, false, "", kMadeNone, false};
+    dir.mode = 0755;
+    FileCheck opened = checkDirectoryAt(fd_, dir);
+    EXPECT_TRUE(opened.modeChanged);
+    EXPECT_EQ(opened.mode, 0777u);
+    dir.location = "gone";
+    EXPECT_FALSE(differs(checkDirectoryAt(fd_, dir)));
+    dir.location = "linkdir";  // a link is not followed to the directory behind it
+    EXPECT_FALSE(checkDirectoryAt(fd_, dir).modeChanged);
+}

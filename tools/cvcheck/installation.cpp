@@ -218,6 +218,22 @@ int readModes(Installation* inst, std::string* why) {
         file.mode = static_cast<int>(found->second->mode);
         file.ownerRoot = found->second->rootOwned && inst->rootInstallation;
     }
+    for (const ModeEntry& entry : entries) {
+        if (entry.name.size() < 2 || entry.name.back() != '/') continue;
+        ListedFile dir{entry.name.substr(0, entry.name.size() - 1),
+                       kBaseInstall,
+                       "",
+                       -1,
+                       0,
+                       false,
+                       "",
+                       kMadeNone,
+                       false};
+        dir.mode = static_cast<int>(entry.mode);
+        dir.ownerRoot = entry.rootOwned && inst->rootInstallation;
+        placeListed(inst->plugin, &dir);
+        if (!listNameLeavesDir(dir.name.c_str())) inst->dirs.push_back(dir);
+    }
     inst->modeList = true;
     return 0;
 }

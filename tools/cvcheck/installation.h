@@ -44,6 +44,8 @@ struct Installation {
     bool unfinished = false;
     size_t listRecords = 0;  // records of the list with something to check
     std::vector<ListedFile> files;
+    // The package's directories that the mode list names (name and location without the "/").
+    std::vector<ListedFile> dirs;
     // What the installation recorded as made while installing (the product's own files such as
     // the macro translator's log), relative to the installation directory; directories end in "/".
     std::unordered_set<std::string> made;

@@ -50,7 +50,7 @@ int runVerify(const char* dir, bool json) {
         printCannotCheck(dir, why, advice, json);
         return 2;
     }
-    VerifyReport report{&inst, {}, {}, 0, 0};
+    VerifyReport report{&inst, {}, {}, {}, 0, 0};
     for (const ListedFile& file : inst.files) {
         if (file.superseded || changedAfterVerification(file.made))
             report.leftOut++;
@@ -60,6 +60,8 @@ int runVerify(const char* dir, bool json) {
             report.checked.push_back(&file);
     }
     report.results = checkFiles(inst, report.checked);
+    for (const ListedFile& dir : inst.dirs)
+        report.dirResults.push_back(checkDirectoryAt(baseFd(inst, dir.base), dir));
     if (json)
         printVerifyJson(report);
     else

@@ -18,7 +18,7 @@ using nlohmann::json;
 struct Counts {
     size_t byMethod[3] = {0, 0, 0};
     size_t byDrift[5] = {0, 0, 0, 0, 0};
-    size_t mode = 0, owner = 0, differ = 0;
+    size_t mode = 0, owner = 0, differ = 0, dirsDiffer = 0;
 };
 
 Counts countResults(const VerifyReport& report) {
@@ -29,6 +29,11 @@ Counts countResults(const VerifyReport& report) {
         counts.mode += result.modeChanged ? 1 : 0;
         counts.owner += result.ownerChanged ? 1 : 0;
         counts.differ += differs(result) ? 1 : 0;
+    }
+    for (const FileCheck& result : report.dirResults) {
+        counts.mode += result.modeChanged ? 1 : 0;
+        counts.owner += result.ownerChanged ? 1 : 0;
+        counts.dirsDiffer += differs(result) ? 1 : 0;
     }
     return counts;
 }
@@ -95,7 +100,7 @@ void printJson(const json& document) {
 
 int verifyStatus(const VerifyReport& report) {
     Counts counts = countResults(report);
-    if (differing(counts) != 0) return 1;
+    if (differing(counts) != 0 || counts.dirsDiffer != 0) return 1;
     return counts.byDrift[kUnreadable] != 0 ? 2 : 0;
 }
 
@@ -106,6 +111,11 @@ void printVerifyText(const VerifyReport& report) {
             printf("%-10s %s%s\n", finding.first.c_str(), installedPath(inst, *report.checked[i]).c_str(),
                    finding.second.empty() ? "" : (" (" + finding.second + ")").c_str());
         }
+    }
+    for (size_t i = 0; i < inst.dirs.size(); i++) {
+        for (const auto& finding : findings(inst.dirs[i], report.dirResults[i]))
+            printf("%-10s %s/ (%s)\n", finding.first.c_str(), installedPath(inst, inst.dirs[i]).c_str(),
+                   finding.second.c_str());
     }
     Counts counts = countResults(report);
     printf("cvcheck: %zu of %zu checked files differ in %s (", differing(counts), report.checked.size(),
@@ -121,6 +131,8 @@ void printVerifyText(const VerifyReport& report) {
     if (report.leftOut != 0) printf("; %zu that the installation changes itself left out", report.leftOut);
     printf(")");
     if (counts.byDrift[kUnreadable] != 0) printf(", %zu could not be read", counts.byDrift[kUnreadable]);
+    if (counts.dirsDiffer != 0)
+        printf(", and %zu of %zu directories differ", counts.dirsDiffer, inst.dirs.size());
     printf("\n");
     std::string advice = verifyAdvice(report);
     if (!advice.empty()) printf("cvcheck: %s\n", advice.c_str());
@@ -163,6 +175,22 @@ void printVerifyJson(const VerifyReport& report) {
             files.push_back(record);
         }
     }
+    for (size_t i = 0; i < inst.dirs.size(); i++) {
+        for (const auto& finding : findings(inst.dirs[i], report.dirResults[i])) {
+            json record = json::object();
+            putPath(&record, "path", inst.dirs[i].name + "/");
+            putPath(&record, "file", installedPath(inst, inst.dirs[i]) + "/");
+            record["kind"] = finding.first;
+            record["check"] = "modes";
+            record["detail"] = finding.second;
+            record["directory"] = true;
+            if (finding.first == "mode")
+                record["expected_mode"] = octal(static_cast<unsigned>(inst.dirs[i].mode));
+            if (finding.first == "mode") record["actual_mode"] = octal(report.dirResults[i].mode);
+            if (finding.first == "owner") record["actual_uid"] = report.dirResults[i].owner;
+            files.push_back(record);
+        }
+    }
     int status = verifyStatus(report);
     json document = json::object();
     document["command"] = "verify";
@@ -187,7 +215,9 @@ void printVerifyJson(const VerifyReport& report) {
                           {"content", counts.byDrift[kContent]},
                           {"unreadable", counts.byDrift[kUnreadable]},
                           {"mode", counts.mode},
-                          {"owner", counts.owner}};
+                          {"owner", counts.owner},
+                          {"directories", inst.dirs.size()},
+                          {"directories_differ", counts.dirsDiffer}};
     document["modes"] = inst.modeList;
     document["files"] = files;
     std::string advice = verifyAdvice(report);

@@ -10,9 +10,10 @@
 struct VerifyReport {
     const Installation* installation;
     std::vector<const ListedFile*> checked;
-    std::vector<FileCheck> results;  // one per checked file
-    size_t leftOut;                  // files that the installation changes itself
-    size_t nothingToCheck;           // listed with size and byte sum 0 and no digest
+    std::vector<FileCheck> results;     // one per checked file
+    std::vector<FileCheck> dirResults;  // one per directory of installation->dirs
+    size_t leftOut;                     // files that the installation changes itself
+    size_t nothingToCheck;              // listed with size and byte sum 0 and no digest
 };
 
 // The exit status the findings call for: 0, 1, or 2 when files could only not be read.
