@@ -11,6 +11,9 @@ const std::string kInstall = "installed && ";
 const std::string kAdvice =
     "cvcheck: to put the files back, install the release again into $S/i/; to take the installation off, "
     "run: cvcheck remove $S/i/\n";
+const std::string kUnfinished =
+    "cvcheck: run the installer again into $S/u/, or take off what it unpacked with: cvcheck remove $S/u/ "
+    "--unfinished\n";
 
 }  // namespace
 
@@ -47,19 +50,19 @@ import json, sys; d = json.load(sys.stdin); print(d["status"], d["exit"], "names
           "[stderr]\ncvcheck: $S/i/distribfilelist.",
           " names no file to check; checking the 17 files that distribsha256 names\n"}},
     // Mode and owner, each named by its kind, and what to do after them.
-    Case{"verify_names_mode_and_owner",
-         kInstall + "chmod 644 i/bin/cvtw && chown 65534 i/bin/cv",
-         R"sh(ck verify i; echo "status $?"; ck verify i --json | python3 -c '
+    Case{
+        "verify_names_mode_and_owner",
+        kInstall + "chmod 644 i/bin/cvtw && chown 65534 i/bin/cv",
+        R"sh(ck verify i; echo "status $?"; ck verify i --json | python3 -c '
 import json, sys; d = json.load(sys.stdin)
 print([(f["path"], f["kind"], f["detail"]) for f in d["files"]], d["counts"]["mode"], d["counts"]["owner"])')sh",
-         "",
-         0,
-         {"^owner      $S/i/bin/cv (listed root, owned by uid 65534)\n",
-          "mode       $S/i/bin/cvtw (listed 0755, is 0644)\n",
-          "cvcheck: 2 of 16 checked files differ in $S/i/", "\n" + kAdvice + "status 1\n",
-          "[('bin/cv', 'owner', 'listed root, owned by uid 65534'), ('bin/cvtw', 'mode', 'listed 0755, is "
-          "0644')] "
-          "1 1\n"}},
+        "",
+        0,
+        {"^owner      $S/i/bin/cv (listed root, owned by uid 65534)\n",
+         "mode       $S/i/bin/cvtw (listed 0755, is 0644)\n",
+         "cvcheck: 2 of 16 checked files differ in $S/i/", "\n" + kAdvice + "status 1\n",
+         R"([('bin/cv', 'owner', 'listed root, owned by uid 65534'), ('bin/cvtw', 'mode', 'listed 0755, is 0644')])",
+         " 1 1\n"}},
     // A directory that others may now write: whoever can write bin/ can replace the programs in it.
     Case{"verify_names_directory_mode",
          kInstall + "chmod 777 i/bin",
@@ -150,17 +153,9 @@ import json, sys; d = json.load(sys.stdin); print(d["counts"]["directories"], d[
               ck remove u --unfinished --purge | tail -1)sh",
          "",
          0,
-         {"^status 2\nstatus 2\ncvcheck: removed 19 entries of $S/u/, kept 4\ncvcheck: removed 6 entries of "
-          "$S/u/, "
-          "kept 0\n[stderr]\n",
-          "cvcheck: cannot check u: the installation into $S/u/ was never verified: distribfilelist, the "
-          "package's "
-          "own list, is still there",
-          "cvcheck: run the installer again into $S/u/, or take off what it unpacked with: cvcheck remove "
-          "$S/u/ "
-          "--unfinished\n",
-          "cvcheck: refusing to remove: the installation into $S/u/ was never verified",
-          "cvcheck: run the installer again into $S/u/, or take off what it unpacked with: cvcheck remove "
-          "$S/u/ "
-          "--unfinished\n"},
+         {"^status 2\nstatus 2\n", "cvcheck: removed 19 entries of $S/u/, kept 4\n",
+          "cvcheck: removed 6 entries of $S/u/, kept 0\n[stderr]\n",
+          "cvcheck: cannot check u: the installation into $S/u/ was never verified: ",
+          "distribfilelist, the package's own list, is still there", kUnfinished,
+          "cvcheck: refusing to remove: the installation into $S/u/ was never verified", kUnfinished},
          {"! test -e u"}});

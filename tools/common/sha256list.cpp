@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-int buildSha256List(const char* program, const std::string& root, std::vector<std::string> names,
+int buildSha256List(const char* program, const std::string& root, const std::vector<std::string>& names,
                     std::string* list) {
     std::vector<std::pair<std::string, std::string>> files;
     files.reserve(names.size());

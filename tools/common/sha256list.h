@@ -18,7 +18,7 @@ struct Sha256Entry {
 
 // Builds the list of the files names (relative to root) into list. 0, or 1 after
 // "<program>: <why>" on standard error.
-int buildSha256List(const char* program, const std::string& root, std::vector<std::string> names,
+int buildSha256List(const char* program, const std::string& root, const std::vector<std::string>& names,
                     std::string* list);
 // The same over (name, file) pairs: each name's digest is taken from its file.
 int buildSha256ListOf(const char* program, std::vector<std::pair<std::string, std::string>> files,

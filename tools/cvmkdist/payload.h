@@ -9,10 +9,10 @@
 #include <vector>
 
 struct PayloadEntry {
-    std::string path;         // relative to the payload root, no leading "/"
-    char kind;                // 'd' directory, 'f' regular file, 'l' symbolic link
-    std::string target;       // a link's target, as stored
-    std::string source = "";  // a file added from elsewhere (the checker): where it is; "" below the root
+    std::string path;      // relative to the payload root, no leading "/"
+    char kind;             // 'd' directory, 'f' regular file, 'l' symbolic link
+    std::string target;    // a link's target, as stored
+    std::string source{};  // a file added from elsewhere (the checker): where it is; "" below the root
 };
 
 struct Payload {
