@@ -149,13 +149,16 @@ import json, sys; d = json.load(sys.stdin); print(d["counts"]["directories"], d[
     // removal that goes by the package's own list only when asked to.
     Case{"unfinished_installation",
          R"sh(mkdir u && tar xzf "$D/cvpack" -C u && truncate -s 3 u/bin/cv)sh",
-         R"sh(ck verify u; echo "status $?"; ck remove u; echo "status $?"; ck remove u --unfinished | tail -1
-              ck remove u --unfinished --purge | tail -1)sh",
+         R"sh(ck verify u; echo "status $?"; ck remove u; echo "status $?"; flock u "$D/cvcheck" verify u
+              echo "status $?"; ck remove u --unfinished | tail -1; ck remove u --unfinished --purge | tail -1)sh",
          "",
          0,
-         {"^status 2\nstatus 2\n", "cvcheck: removed 19 entries of $S/u/, kept 4\n",
+         {"^status 2\nstatus 2\nstatus 2\n", "cvcheck: removed 19 entries of $S/u/, kept 4\n",
           "cvcheck: removed 6 entries of $S/u/, kept 0\n[stderr]\n",
           "cvcheck: cannot check u: the installation into $S/u/ was never verified: ",
           "distribfilelist, the package's own list, is still there", kUnfinished,
-          "cvcheck: refusing to remove: the installation into $S/u/ was never verified", kUnfinished},
+          "cvcheck: refusing to remove: the installation into $S/u/ was never verified", kUnfinished,
+          // Still unpacking: the installer holds the lock.
+          "cvcheck: cannot check u: an installation into $S/u/ is running (it holds the directory's lock)\n",
+          "cvcheck: check it once it has ended\n"},
          {"! test -e u"}});

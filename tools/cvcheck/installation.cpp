@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -309,6 +310,16 @@ void closeInstallation(Installation* inst) {
         if (*fd >= 0) close(*fd);
         *fd = -1;
     }
+}
+
+std::string runningInstallation(const Installation& inst) {
+    if (inst.installFd < 0 || flock(inst.installFd, LOCK_SH | LOCK_NB) == 0) {
+        if (inst.installFd >= 0) flock(inst.installFd, LOCK_UN);
+        return "";
+    }
+    return errno == EWOULDBLOCK
+               ? "an installation into " + inst.install + " is running (it holds the directory's lock)"
+               : "";
 }
 
 std::string unfinishedAdvice(const Installation& inst) {

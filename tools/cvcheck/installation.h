@@ -59,6 +59,9 @@ std::string versionedName(const char* name);
 // packageList a finished one is refused. 0, or 1 with the reason in *why.
 int openInstallation(const char* dir, Installation* installation, std::string* why, bool packageList = false);
 void closeInstallation(Installation* installation);
+// "" when no installer holds the installation directory's lock (installer/instlock.h), else the
+// reason to give: an unfinished installation may be one that is still running.
+std::string runningInstallation(const Installation& installation);
 // What to do about an unfinished installation: finish it, or remove it by the package's own list.
 std::string unfinishedAdvice(const Installation& installation);
 // Descriptor and path of the directory a base stands for.

@@ -236,10 +236,11 @@ int runRemove(const RemoveOptions& options) {
     Installation inst;
     std::string why;
     if (openInstallation(options.dir, &inst, &why, options.unfinished) != 0) {
-        std::string advice;
-        if (inst.unfinished) advice = unfinishedAdvice(inst);
+        std::string advice, running = inst.unfinished ? runningInstallation(inst) : "";
+        if (inst.unfinished)
+            advice = running.empty() ? unfinishedAdvice(inst) : "try again once it has ended";
         closeInstallation(&inst);
-        return refuse(why, advice);
+        return refuse(running.empty() ? why : running, advice);
     }
     why = lockInstallation(inst);
     if (!why.empty()) {

@@ -45,6 +45,10 @@ int runVerify(const char* dir, bool json) {
         advice = "run the installer again into " + inst.install + " to finish the installation";
     }
     if (inst.unfinished) advice = unfinishedAdvice(inst);
+    if (inst.unfinished && !runningInstallation(inst).empty()) {
+        why = runningInstallation(inst);
+        advice = "check it once it has ended";
+    }
     if (!why.empty()) {
         closeInstallation(&inst);
         printCannotCheck(dir, why, advice, json);
