@@ -123,7 +123,9 @@ void walk(Recording* recording, int fd, const std::string& rel, dev_t device) {
         if (entry->d_type == DT_UNKNOWN)
             isDir = fstatat(dirfd(dir), name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
         std::string path = rel + name + (isDir ? "/" : "");
-        if (path == kMadeRecordName) continue;
+        // The lists are known by their names; a dated list's name would make two installations of
+        // the same package differ in their records.
+        if (path == kMadeRecordName || path == kFileListName || isDatedListName(path.c_str())) continue;
         // Listed entries are looked up before the birth time is asked for.
         if (recording->listed.count(path) == 0 &&
             (recording->earlier.count(path) != 0 || bornAfterMark(dirfd(dir), name)))

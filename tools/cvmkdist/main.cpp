@@ -57,6 +57,17 @@ int checkInputs(const MkdistOptions& options, const Payload& payload,
     return refuse ? 1 : 0;
 }
 
+// A private directory removed when main returns, however it returns.
+struct WorkDirectory {
+    std::string path;
+    WorkDirectory() = default;
+    WorkDirectory(const WorkDirectory&) = delete;
+    WorkDirectory& operator=(const WorkDirectory&) = delete;
+    ~WorkDirectory() {
+        if (!path.empty()) removeTree(path);
+    }
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -74,7 +85,10 @@ int main(int argc, char** argv) {
     const std::vector<std::string> generatedNames = {kFileListName, kSha256ListName, kModeListName};
     Payload payload;
     if (walkPayload(options.payload, generatedNames, &payload) != 0) return 1;
-    if (options.checkerInPayload && !options.listOnly) addChecker(options.checker, &payload);
+    WorkDirectory checkerCopy;
+    if (options.checkerInPayload && !options.listOnly &&
+        addCheckerCopy(options.checker, &checkerCopy.path, &payload) != 0)
+        return 1;
     std::vector<std::string> problems = payload.problems;
     std::string list = buildFileList(payload, &problems);
     if (options.listOnly) {

@@ -21,6 +21,16 @@ void addChecker(const std::string& checker, Payload* payload) {
     payload->entries.push_back(PayloadEntry{kCheckerPath, 'f', "", checker});
 }
 
+int addCheckerCopy(const std::string& checker, std::string* work, Payload* payload) {
+    struct stat info;
+    if (stat(checker.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return 0;
+    if (makeWorkDirectory(work) != 0) return 1;
+    std::string copy = *work + "/cvcheck";
+    if (copyInto(checker, copy, kAddedFileMode) != 0) return 1;
+    addChecker(copy, payload);
+    return 0;
+}
+
 int buildModeList(const Payload& payload, std::string* list) {
     std::vector<ModeEntry> entries;
     for (const PayloadEntry& entry : payload.entries) {

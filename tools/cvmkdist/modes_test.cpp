@@ -57,3 +57,15 @@ TEST_F(Modes, CheckerReplacesThePayloadsOwn) {
     for (const PayloadEntry& entry : payload.entries) fromElsewhere += entry.source.empty() ? 0 : 1;
     EXPECT_EQ(fromElsewhere, 1u);
 }
+
+TEST_F(Modes, CheckerCopyIsWhatIsListed) {
+    std::ofstream(root_ + "/checker") << "checker";
+    std::string work;
+    ASSERT_EQ(addCheckerCopy(root_ + "/checker", &work, &payload_), 0);
+    ASSERT_FALSE(work.empty());
+    EXPECT_EQ(entrySource(payload_, payload_.entries.back()), work + "/cvcheck");
+    std::string copied;
+    EXPECT_EQ(readWholeFile(work + "/cvcheck", &copied), 0);
+    EXPECT_EQ(copied, "checker");
+    removeTree(work);
+}
