@@ -34,13 +34,16 @@ const char kHelp[] =
     "\n"
     "Builds a Corvane distribution directory DISTDIR from the payload DIR, the editor tree as it\n"
     "will stand in the installation directory: the package NAME (the payload and its file list\n"
-    "distribfilelist and the SHA-256 list distribsha256, gzip-compressed tar), the installer as\n"
+    "distribfilelist, the SHA-256 list distribsha256 and the mode list distribmodes, gzip-compressed\n"
+    "tar), the installer as\n"
     "cvinst, the message file as cdinst.cvb, the licence as license.txt, the installation checker\n"
     "as cvcheck, and SHA256SUMS over all of them.\n"
     "\n"
     "  --package NAME          cvpack, cvpacku or cvpackd (the editor), cvpackep or cvpackepd\n"
     "                          (the Eclipse plug-in)\n"
-    "  --checker FILE          the cvcheck to ship; by default the one beside cvmkdist itself\n"
+    "  --checker FILE          the cvcheck to ship, also packed into the payload as bin/cvcheck so\n"
+    "                          that each installation carries it; by default the one beside\n"
+    "                          cvmkdist itself, shipped beside the package only\n"
     "  --self-extracting FILE  also write FILE, one shell script that checks, unpacks and starts\n"
     "                          the distribution (sh FILE --help), and FILE.sha256\n"
     "  --allow-incomplete      build even where the installer, the message file or the licence\n"
@@ -108,6 +111,7 @@ int parseMkdistOptions(int argc, char** argv, MkdistOptions* options) {
         return mkdistFail(
             "'%s' is not a distribution package name (cvpack, cvpacku, cvpackd, cvpackep, cvpackepd)",
             options->package);
+    options->checkerInPayload = !options->checker.empty();
     if (options->checker.empty()) options->checker = checkerBesideProgram();
     return 0;
 }
