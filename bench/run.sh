@@ -22,7 +22,7 @@
 # directory against the same installation through its self-extracting file (sh corvane.run,
 # setup.ini in the current directory, TMPDIR beside the installation targets), alternating
 # which goes first; the ratio is the median of the per-round ratios. Each round also times the
-# file's check alone (--check) and check plus unpacking (--target), where its extra cost lies.
+# file's check alone (--check) and check plus unpacking (--noexec --target), where its extra cost lies.
 # check: cvcheck verify over a complete installation of the full payload, in alternation with cat
 # of the same files, first with the package's SHA-256 list (distribsha256), then with the byte
 # sums alone (the list moved aside).
@@ -145,7 +145,7 @@ run_one() {
     check|unpack)
       # The two parts of the file's own cost: the SHA-256 check alone, and check plus unpacking.
       local option=(--check)
-      [ "$kind" = unpack ] && option=(--target "$target/dist")
+      [ "$kind" = unpack ] && option=(--noexec --target "$target/dist")
       start=$(micros)
       (sh "$dir/corvane.run" "${option[@]}" >/dev/null && times >"$runs/cpu") ||
         { echo "sh corvane.run ${option[*]} failed" >&2; exit 1; }
@@ -293,7 +293,7 @@ bench_selfextract() {
   report "cvinst from the directory" "$t/install" "$t/install-cpu"
   report "sh corvane.run" "$t/run" "$t/run-cpu"
   report "  its check alone (--check)" "$t/check" "$t/check-cpu"
-  report "  check and unpacking (--target)" "$t/unpack" "$t/unpack-cpu"
+  report "  check and unpacking (--noexec --target)" "$t/unpack" "$t/unpack-cpu"
   ratio_report "corvane.run / directory, per round" "$t/ratio"
 }
 
