@@ -152,7 +152,28 @@ verify() {
 # physical absolute path; $2 names it for the message and $3 says how to choose another.
 check_owned_path() {
     uid=$(id -u)
-    dir=$1
+    path=$1
+    what=$2
+    how=$3
+    # Usually all is well: one listing of every directory on the path tells (-q: one line each,
+    # of which only the mode and the owner are read).
+    set --
+    dir=$path
+    while :; do
+        set -- "$dir" "$@"
+        [ "$dir" = / ] && break
+        dir=${dir%/*}
+        [ -n "$dir" ] || dir=/
+    done
+    # shellcheck disable=SC2012
+    if ls -ldnq -- "$@" 2>/dev/null | awk -v uid="$uid" -v n=$# '
+        $3 != 0 && $3 != uid { bad = 1 }
+        substr($1, 10, 1) !~ /[tT]/ && (substr($1, 6, 1) == "w" || substr($1, 9, 1) == "w") { bad = 1 }
+        END { exit bad || NR != n }'; then
+        return 0
+    fi
+    # Else the deepest one that is not, by its own name.
+    dir=$path
     while :; do
         # The mode and the owner are the first and third words of the listing; the name may
         # hold blanks or line breaks, but comes behind them.
@@ -169,8 +190,8 @@ check_owned_path() {
             esac
         fi
         if [ -n "$problem" ]; then
-            say "refused $2: another user could rename or replace the directory unpacked there, as $dir $problem."
-            say "$3"
+            say "refused $what: another user could rename or replace the directory unpacked there, as $dir $problem."
+            say "$how"
             [ -z "$made_target" ] || rmdir -- "$made_target" 2>/dev/null
             exit 1
         fi
