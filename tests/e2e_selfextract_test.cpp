@@ -212,6 +212,15 @@ E2E_CASES(
           " KB.\nr.run: Choose another directory: TMPDIR=DIR sh r.run\n"
           "r.run: or unpack it elsewhere and install from there: sh r.run --target DIR\n"},
          {"[ -z \"$(ls -A full)\" ]"}},
+    // A target on a file system mounted noexec, named as given, with the advice for --target.
+    Case{"target_noexec_advice",
+         kRun + "mnt nx noexec,size=16m",
+         "sh r.run --target nx -- -d",
+         "",
+         1,
+         {"=[stderr]\nr.run: programs cannot be started from $S/nx: its file system is mounted noexec.\n"
+          "r.run: Choose another directory: sh r.run --target DIR\n"},
+         {"[ -z \"$(ls -A nx)\" ]"}},
     Case{"help_names_each_option",
          kRun + "true",
          "sh r.run --help",

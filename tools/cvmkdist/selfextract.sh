@@ -299,11 +299,13 @@ unpack_checked() {
     rm -f -- "$fifo"
     sum=
     unpacked=1
+    digested=1
     last=
     set -f
     for word in $steps; do
         case $last in
             unpacked) unpacked=$word ;;
+            digested) digested=$word ;;
         esac
         case $word in
             ????????????????????????????????????????????????????????????????) sum=$word ;;
@@ -311,11 +313,18 @@ unpack_checked() {
         last=$word
     done
     set +f
+    if [ "$digested" != 0 ] || [ -z "$sum" ]; then
+        note '\n'
+        finish
+        [ -z "$made_target" ] || rmdir -- "$made_target" 2>/dev/null
+        say "cannot compute the SHA-256 of $me with $digest."
+        exit 1
+    fi
     if [ "$sum" != "$archive_sha256" ]; then
         note '\n'
         finish
         [ -z "$made_target" ] || rmdir -- "$made_target" 2>/dev/null
-        damaged "the SHA-256 of its archive is ${sum:-not known}, not $archive_sha256"
+        damaged "the SHA-256 of its archive is $sum, not $archive_sha256"
     fi
     note ' OK\n'
     if [ "$unpacked" != 0 ]; then
@@ -344,6 +353,7 @@ install() {
         [ "$noexec" = 1 ] ||
             check_owned_path "$base" "the target $target" "Choose a directory that only you and root can change: sh $me --target DIR"
         pattern=.corvane
+        label=
     else
         base=${TMPDIR:-/tmp}
         base=$(cd -P -- "$base" 2>/dev/null && pwd -P) || {
@@ -353,22 +363,23 @@ install() {
         }
         check_owned_path "$base" "TMPDIR=${TMPDIR:-/tmp}" "Set TMPDIR to a directory that only you and root can change: TMPDIR=DIR sh $me"
         pattern=corvane
+        label=" (TMPDIR)"
     fi
     trap 'on_signal INT 2' INT
     trap 'on_signal TERM 15' TERM
     trap 'on_signal HUP 1' HUP
     private=$(mktemp -d "$base/$pattern.XXXXXXXXXX") || {
-        say "cannot make a private directory in $base${target:+ (--target)}${target:- (TMPDIR)}."
+        say "cannot make a private directory in $base$label."
         say "Set TMPDIR to a directory where you may write: TMPDIR=DIR sh $me"
         exit 1
     }
     if [ "$noexec" = 0 ] && ! can_execute_in "$private"; then
-        cannot_use "programs cannot be started from $base${target:- (TMPDIR)}: its file system is mounted noexec."
+        cannot_use "programs cannot be started from $base$label: its file system is mounted noexec."
     fi
     free=$(free_kilobytes "$private")
     needed=$((archive_bytes / 1024 + 64))
     if [ -n "$free" ] && [ "$free" -lt "$needed" ]; then
-        cannot_use "there is not enough space in $base${target:- (TMPDIR)}: $free KB free, the distribution needs $needed KB."
+        cannot_use "there is not enough space in $base$label: $free KB free, the distribution needs $needed KB."
     fi
     unpack_checked "$private"
     where=$private
