@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "installer/console.h"
+#include "installer/dirtrust.h"
 #include "installer/fileutil.h"
 #include "installer/state.h"
 #include "runtime/path.h"
@@ -229,6 +230,10 @@ LoopResult settleOnce(const char* defaultDir) {
         printMessage("%s is not a directory.", plain);
         return preset ? kFailed : kAskAgain;
     }
+
+    // As root, before anything is created or unpacked: a directory that another user could change
+    // or replace, or one of the system's own, is refused.
+    if (checkInstallDirectoryTrust(layout.installDir) != 0) return preset ? kFailed : kAskAgain;
 
     if (checkAccessBeforeCreation(absolute) != 0) return kFailed;
 
