@@ -91,7 +91,8 @@ E2E_CASES(
            {msg("Cannot open $S/inst/$alias.crv"), "!Corvane Install", "!" + kDone}),
     opened("shipped_alias_too_big",
            without("$alias.crv",
-                   "echo bind >inst/alias.crv && " + kHuge + " && ln -s \"$S/m/huge\" 'inst/$alias.crv'"),
+                   "echo bind >inst/alias.crv && mnt inst/m size=1m && truncate -s 200T inst/m/huge && "
+                   "ln -s m/huge 'inst/$alias.crv'"),
            kNullOk + kSubst, 1,
            {msg("Cannot allocate memory to read file $S/inst/$alias.crv."), "!" + kDone}),
     opened("shipped_alias_is_a_directory",
