@@ -131,9 +131,13 @@ int32_t checkRecord(const ListRecord& record, const char* installReal) {
         return 1;
     }
     // A name can also leave through a link that the package brought ("up" -> "/"): where the kernel
-    // resolves it to counts, not how it is spelt. The file is looked at through what was opened.
+    // resolves it to counts, not how it is spelt. The file is opened once and looked at and read
+    // through that descriptor; opened for reading only when its bytes are to be summed. Opening
+    // never waits for a writer nor takes a terminal, and the device nodes and FIFOs that the
+    // package brought are gone by now (the sweep after unpacking).
     bool leaves = listNameLeavesDir(record.path);
-    int fd = leaves ? -1 : openListed(record.path, fullPath, installReal, O_PATH, &leaves);
+    const int flags = record.checksum == 0 ? O_PATH : O_RDONLY | O_NONBLOCK | O_NOCTTY;
+    int fd = leaves ? -1 : openListed(record.path, fullPath, installReal, flags, &leaves);
     if (leaves) {
         printMessage("Error detected in %s. The name leaves the installation directory.", fullPath);
         return 1;
@@ -144,25 +148,27 @@ int32_t checkRecord(const ListRecord& record, const char* installReal) {
         return 1;
     }
     struct stat info;
-    int statResult = fstat(fd, &info);
-    close(fd);
-    if (statResult != 0) {
+    if (fstat(fd, &info) != 0) {
+        close(fd);
         printMessage("Cannot get stat information on %s.", fullPath);
         return 1;
     }
     // Reading a FIFO would wait for ever and reading a device would read the device.
     if (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) {
+        close(fd);
         printMessage("Error detected in %s. It is a FIFO or a device, not a regular file.", fullPath);
         return 1;
     }
     if (static_cast<long long>(record.size) != static_cast<long long>(info.st_size)) {
+        close(fd);
         printMessage("Error detected in %s. Mismatched size: expected=%d actual=%d", fullPath, record.size,
                      static_cast<int>(info.st_size));
         return 1;
     }
-    if (record.checksum == 0) return 0;
-    // Never waits for a writer, never takes a terminal, whatever the name turns out to be.
-    fd = openListed(record.path, fullPath, installReal, O_RDONLY | O_NONBLOCK | O_NOCTTY, &leaves);
+    if (record.checksum == 0) {
+        close(fd);
+        return 0;
+    }
     uint32_t actual = checksumOf(fd, fullPath, record.size);
     if (actual != static_cast<uint32_t>(record.checksum)) {
         printMessage("Error detected in %s. Mismatched checksum: expected=%u actual=%u", fullPath,
