@@ -277,5 +277,8 @@ int32_t queryInstallDirectory() {
         if (result == kFailed) return 1;
         if (result == kSettled) break;
     }
+    // Once more now that the directory exists: in a directory on the way that everyone may write
+    // (a sticky /tmp), another user could have made it first, between the check and its creation.
+    if (checkInstallDirectoryTrust(gState.installDir) != 0) return 1;
     return finalAccessCheck();
 }

@@ -74,6 +74,16 @@ E2E_CASES(
     row("dir_sticky_writable_by_all", "mkdir i && chmod 1777 i", "inst dist i", 1,
         {"Corvane Install: $S/i can be written by every user (mode 1777), who could", kDone2},
         {R"sh([ -z "$(ls -A i)" ])sh"}),
+    // In a sticky directory writable by all, another user makes the directory while root's run
+    // waits at the creation question: checked again once it exists, it is refused. (cat pages the
+    // licence: more would read the answers still to come from the FIFO.)
+    row("dir_made_by_other_user_meanwhile",
+        R"sh(mkdir p && chmod 1777 p && mkfifo in && tools c cat && mv c/cat c/more)sh",
+        R"sh(PATH=$S/c:$PATH "$D/cvinst" -d -post-install <in >o & exec 3>in; printf '\nyes\n%s\n' "$S/p/i" >&3
+             for n in $(seq 1000); do grep -q 'does not exist. Create' o && break; sleep 0.02; done
+             nobody mkdir p/i; printf 'y\n' >&3; exec 3>&-; wait $!; echo "status $?"; cat o)sh",
+        0, {"status 1\n", msg("$S/p/i" + kOwned + "$S/p/i) or run the installer as that user."), kDone2},
+        {R"sh([ -z "$(ls -A p/i)" ])sh"}),
     // On the way, a sticky directory such as /tmp is fine.
     row("sticky_parent_accepted", "mkdir p && chmod 1777 p", "inst dist p/i", 0, {kDone}),
     // Not as root nothing changes: the user installs into a directory of their own.
