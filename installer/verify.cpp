@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -106,6 +107,19 @@ int32_t readListRecord(FILE* list, char* line, ListRecord* record) {
 
 namespace {
 
+// Whether the user may read and write the file open on fd: asked of the descriptor where the
+// kernel can (faccessat2 with AT_EMPTY_PATH, Linux 5.8), else of the name.
+bool readWriteAllowed(int fd, const char* fullPath) {
+    static bool byName = false;
+    if (!byName) {
+        long result = syscall(SYS_faccessat2, fd, "", R_OK | W_OK, AT_EMPTY_PATH);
+        if (result == 0) return true;
+        if (errno != ENOSYS && errno != EINVAL) return false;
+        byName = true;
+    }
+    return access(fullPath, R_OK | W_OK) == 0;
+}
+
 // Opens the listed file as flags say: beneath the installation directory in one system call, or,
 // where the kernel leaves the name to be judged (a link that leads out, an absolute link, no
 // openat2), after the kernel has resolved it to a place inside (leaves: set when it is outside).
@@ -138,11 +152,16 @@ int32_t checkRecord(const ListRecord& record, const char* installReal) {
     bool leaves = listNameLeavesDir(record.path);
     const int flags = record.checksum == 0 ? O_PATH : O_RDONLY | O_NONBLOCK | O_NOCTTY;
     int fd = leaves ? -1 : openListed(record.path, fullPath, installReal, flags, &leaves);
+    // What cannot be opened for reading (a socket, a file without read permission) is still
+    // looked at; its sum then fails as reading it fails.
+    const bool readable = fd >= 0 && flags != O_PATH;
+    if (fd < 0 && !leaves && flags != O_PATH)
+        fd = openListed(record.path, fullPath, installReal, O_PATH, &leaves);
     if (leaves) {
         printMessage("Error detected in %s. The name leaves the installation directory.", fullPath);
         return 1;
     }
-    if (fd < 0 || access(fullPath, R_OK | W_OK) != 0) {
+    if (fd < 0 || !readWriteAllowed(fd, fullPath)) {
         if (fd >= 0) close(fd);
         printMessage("Insufficient access to %s. Read/Write access is required.", fullPath);
         return 1;
@@ -168,6 +187,10 @@ int32_t checkRecord(const ListRecord& record, const char* installReal) {
     if (record.checksum == 0) {
         close(fd);
         return 0;
+    }
+    if (!readable) {
+        close(fd);
+        fd = -1;
     }
     uint32_t actual = checksumOf(fd, fullPath, record.size);
     if (actual != static_cast<uint32_t>(record.checksum)) {
