@@ -86,6 +86,28 @@ bool resolveExisting(const char* path, char* canonical, const char** rest) {
     return true;
 }
 
+// Appends the names in rest (which do not exist yet) to the canonical path whole (PATH_MAX
+// bytes), "." dropped and ".." taking the name before it away, as they will resolve once the
+// directories are made.
+void appendLexically(char* whole, const char* rest) {
+    while (*rest != '\0') {
+        size_t n = strcspn(rest, "/");
+        if (n == 2 && strncmp(rest, "..", 2) == 0) {
+            char* slash = strrchr(whole, '/');
+            if (slash != nullptr) slash[slash == whole ? 1 : 0] = '\0';
+        } else if (n > 0 && !(n == 1 && rest[0] == '.')) {
+            if (strcmp(whole, "/") != 0) strAppendBounded(whole, "/", PATH_MAX);
+            size_t length = strlen(whole);
+            if (length + n < PATH_MAX) {
+                memcpy(whole + length, rest, n);
+                whole[length + n] = '\0';
+            }
+        }
+        rest += n;
+        while (*rest == '/') rest++;
+    }
+}
+
 // Every directory from "/" down to canonical, each looked at once.
 int32_t checkPath(const char* canonical, bool lastIsTarget) {
     char dir[PATH_MAX];
@@ -128,12 +150,7 @@ int32_t checkInstallDirectoryTrust(const char* installDir) {
     if (!resolveExisting(installDir, canonical, &rest)) return 0;  // left to the access checks
     char whole[PATH_MAX];
     strCopyBounded(whole, canonical, sizeof(whole));
-    if (rest[0] != '\0') {
-        if (strcmp(whole, "/") != 0) strAppendBounded(whole, "/", sizeof(whole));
-        strAppendBounded(whole, rest, sizeof(whole));
-    }
-    size_t length = strlen(whole);
-    while (length > 1 && whole[length - 1] == '/') whole[--length] = '\0';
+    appendLexically(whole, rest);
     if (isSystemDirectory(whole)) {
         printMessage(
             "%s is one of the system's own directories: the package would be unpacked over the "

@@ -94,6 +94,10 @@ E2E_CASES(
     system("usr_share", "/usr/share", "/usr/share"), system("etc", "/etc", "/etc"),
     system("var", "/var/", "/var"), system("dev", "/dev", "/dev"), system("bin_as_resolved", "/bin", ""),
     system("dotdot_to_root", "$S/..//..", "/"),
+    // Refused before the new directory on the way is made.
+    row("dotdot_below_a_new_dir", "fake",
+        R"sh(PATH=$S/fake:$PATH "$D/cvinst" -d -post-install -destination-dir "$S/new/../../../usr")sh", 1,
+        {systemDir("/usr"), kDone2}, {"! test -e tar.started", "! test -e new"}),
     // The shipped $alias.crv leads to a root-only file outside: it is not read nor made the alias
     // file. Unchecked (-s): the list would stop the run first, as the row after next shows.
     row("shipped_alias_link_out", kSecret + R"sh( && pk h 'ln -sf "$S/secret" "\$alias.crv"')sh",
