@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installation benchmarks side by side with tar, and the microbenchmarks.
 #
-#   bash bench/run.sh [full] [tenth] [demo] [selfextract] [check] [micro]      (default: all six)
+#   bash bench/run.sh [full] [tenth] [many] [demo] [selfextract] [check] [micro] [syscalls]
+#                                                         (default: all but many and syscalls)
 #
 # full/tenth: a generated editor-like payload of about 142 MB in about 3000 files, or a tenth
 # of it, is packed by cvmkdist into a distribution and a self-extracting file (cached under
@@ -27,11 +28,17 @@
 # of the same files, first with the package's SHA-256 list (distribsha256), then with the byte
 # sums alone (the list moved aside).
 # micro: the Google Benchmark microbenchmarks, medians of five repetitions.
+# many: the rounds of full/tenth over the demo payload with 20,000 files of about 100 bytes, where
+# the cost per file (the guards, chown -R and chgrp -R) outweighs the bytes.
+# syscalls: one complete installation of tenth and of many under strace -f -c: how many lookups
+# (readlink, open, stat, access) the installer and the programs it starts make.
 #
 # Environment: ROUNDS (rounds for the full payload, default 11), ROUNDS_TENTH (default 21),
 # BENCH_WORK (work directory, default build-bench/bench-work), BENCH_DISK=1 (unpack on disk),
 # SELFEXTRACT_BASE=REV (selfextract also times the same archive behind the header script of the
 # git revision REV, in the same rounds: the file before and after a change of its script).
+# BASE_CVINST (another build of cvinst, timed beside this one in full, tenth, many, demo and
+# counted in syscalls; its distribution otherwise the same).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -59,6 +66,19 @@ micros() { local t=${EPOCHREALTIME/./}; echo $((10#$t)); }
 # the second line of the times builtin's output ("0m1.234s 0m0.567s").
 children_cpu() { awk 'NR == 2 { split($1, u, "m"); split($2, s, "m"); printf "%d\n", (u[1] * 60 + u[2] + s[1] * 60 + s[2]) * 1e6 }'; }
 
+# The many-small-files payload: 20,000 files of about 100 bytes in 200 directories of
+# docs/many/ (the demo payload is added by make_dist).
+many_files() {
+  local out=$1/docs/many d f
+  for ((d = 0; d < 200; d++)); do
+    mkdir -p "$out/d$d"
+    for ((f = 0; f < 100; f++)); do
+      printf 'note %d of part %d: a small text file of the kind that help pages and templates come in.\n' \
+        "$f" "$d" >"$out/d$d/n$f.txt"
+    done
+  done
+}
+
 # The distribution for one payload size, rebuilt only when its inputs changed.
 make_dist() {
   local name=$1 divisor=$2 dir=$work/$1
@@ -70,7 +90,11 @@ make_dist() {
   if [ ! -f "$dir/dist/cvpack" ] || [ "$(cat "$dir/key" 2>/dev/null)" != "$key" ]; then
     echo "building the $name distribution (once)..."
     rm -rf "$dir" && mkdir -p "$dir"
-    "$build/bench/genpayload" "$dir/payload" "$divisor"
+    if [ "$divisor" = many ]; then
+      many_files "$dir/payload"
+    else
+      "$build/bench/genpayload" "$dir/payload" "$divisor"
+    fi
     cp -R demo/payload/. "$dir/payload/"
     # The modes git records, whatever the checkout's umask: cvmkdist refuses group-writable files.
     chmod -R u+w,go-w,a+rX "$dir/payload"
@@ -119,12 +143,13 @@ run_one() {
       start=$(micros)
       (cd "$target" && tar xzf "$dir/dist/cvpack" && times >"$runs/cpu")
       end=$(micros) ;;
-    install|skip)
+    install|skip|base)
       printf '[unattended]\nDestinationDir=%s\n' "$target" >"$dir/dist/setup.ini"
-      local flags=(-post-install)
+      local flags=(-post-install) program=./cvinst
       [ "$kind" = skip ] && flags+=(-s)
+      [ "$kind" = base ] && program=./cvinst-base
       start=$(micros)
-      if ! (cd "$dir/dist" && printf '\nyes\n' | ./cvinst "${flags[@]}" >"$runs/$kind.log" 2>&1 && times >"$runs/cpu"); then
+      if ! (cd "$dir/dist" && printf '\nyes\n' | "$program" "${flags[@]}" >"$runs/$kind.log" 2>&1 && times >"$runs/cpu"); then
         echo "cvinst ${flags[*]} failed; see $runs/$kind.log" >&2
         exit 1
       fi
@@ -195,19 +220,57 @@ time_rounds() {
   rm -rf "$t" && mkdir -p "$t"
   local kinds=(tar install skip) order kind
   local -A took=()
+  # BASE_CVINST: another build of the installer (the commit before a change) timed in the same
+  # rounds as a fourth kind, so that both builds meet the same load.
+  if [ -n "${BASE_CVINST:-}" ]; then
+    cp -f "$BASE_CVINST" "$dir/dist/cvinst-base"
+    kinds+=(base)
+  fi
+  local n=${#kinds[@]}
   for kind in "${kinds[@]}"; do run_one "$kind" "$dir" w >/dev/null; done   # warm-up
   echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (rounds: $rounds, unpacking into $target_kind)"
   for ((r = 0; r < rounds; r++)); do
-    order=("${kinds[@]:r%3}" "${kinds[@]:0:r%3}")
+    order=("${kinds[@]:r%n}" "${kinds[@]:0:r%n}")
     time_round "$dir" "$r" "${order[@]}"
     awk -v a="${took[install]}" -v b="${took[tar]}" 'BEGIN {print a / b}' >>"$t/install-ratio"
     awk -v a="${took[skip]}" -v b="${took[tar]}" 'BEGIN {print a / b}' >>"$t/skip-ratio"
+    if [ -n "${took[base]:-}" ]; then
+      awk -v a="${took[base]}" -v b="${took[tar]}" 'BEGIN {print a / b}' >>"$t/base-ratio"
+      awk -v a="${took[install]}" -v b="${took[base]}" 'BEGIN {print a / b}' >>"$t/install-base-ratio"
+    fi
   done
   report "tar xzf cvpack" "$t/tar" "$t/tar-cpu"
   report "cvinst (unattended, complete)" "$t/install" "$t/install-cpu"
   report "cvinst -s" "$t/skip" "$t/skip-cpu"
+  [ -f "$t/base" ] && report "base cvinst (complete)" "$t/base" "$t/base-cpu"
   ratio_report "install / tar, per round" "$t/install-ratio"
   ratio_report "install -s / tar, per round" "$t/skip-ratio"
+  if [ -f "$t/base-ratio" ]; then
+    ratio_report "base install / tar, per round" "$t/base-ratio"
+    ratio_report "install / base install, per round" "$t/install-base-ratio"
+  fi
+}
+
+# System calls of one complete installation of the distribution in dir/dist (with strace -f -c),
+# for this build and, with BASE_CVINST, the other: the lookups that the guards make.
+bench_syscalls() {
+  local name=$1 dir=$work/$1 kind target
+  command -v strace >/dev/null || { echo "strace is not installed: no system call counts"; return; }
+  local kinds=(install)
+  if [ -n "${BASE_CVINST:-}" ]; then cp -f "$BASE_CVINST" "$dir/dist/cvinst-base"; kinds+=(base); fi
+  echo
+  echo "== syscalls: one complete installation of $name (strace -f -c; calls, errors)"
+  for kind in "${kinds[@]}"; do
+    target=$(new_target "sys-$kind" 0)
+    printf '[unattended]\nDestinationDir=%s\n' "$target" >"$dir/dist/setup.ini"
+    local program=./cvinst
+    [ "$kind" = base ] && program=./cvinst-base
+    (cd "$dir/dist" && printf '\nyes\n' | strace -f -c -o "$runs/strace-$kind" "$program" -post-install >/dev/null 2>&1)
+    awk -v k="$kind" '$NF ~ /^(readlink|readlinkat|openat2|openat|open|newfstatat|statx|lstat|stat|access|faccessat|faccessat2|total)$/ {
+        errors = NF == 6 ? $5 : 0
+        printf "  %-6s %-12s %8s calls %8s errors\n", k, $NF, $4, errors }' "$runs/strace-$kind"
+  done
+  rm -rf "${runs:?}"/sys-*
 }
 
 bench_size() {
@@ -390,6 +453,17 @@ for part in "${parts[@]}"; do
   case $part in
     full) bench_size full 1 "$rounds_full" ;;
     tenth) bench_size tenth 10 "$rounds_tenth" ;;
+    many)
+      make_dist many many
+      echo
+      echo "== many: the demo and 20,000 files of about 100 bytes, $(tar tzf "$work/many/dist/cvpack" | grep -vc '/$') files"
+      time_rounds "$work/many" "$rounds_tenth" "$work/many/times"
+      rm -rf "${runs:?}"/* ;;
+    syscalls)
+      make_dist tenth 10
+      make_dist many many
+      bench_syscalls tenth
+      bench_syscalls many ;;
     demo) bench_demo ;;
     selfextract) bench_selfextract "$rounds_full" ;;
     check) bench_check ;;
@@ -407,7 +481,7 @@ for part in "${parts[@]}"; do
                END { for (s in sizes) printf "  %9d bytes: byte sum / memcpy %.2f  (SSE2 kernel %.2f)\n", s,
                      rate["BM_ByteSum", s] / rate["BM_Memcpy", s], rate["BM_ByteSumSse2", s] / rate["BM_Memcpy", s] }' \
         "$csv" | sort -n ;;
-    *) echo "unknown part '$part' (full, tenth, demo, selfextract, check, micro)" >&2; exit 2 ;;
+    *) echo "unknown part '$part' (full, tenth, many, demo, selfextract, check, micro, syscalls)" >&2; exit 2 ;;
   esac
 done
 echo

@@ -1,10 +1,17 @@
-// Confinement of the installer's own writes: the kernel resolves every directory (realpath), the
-// result must lie in the root, and the directory is then opened from the root's descriptor one
-// component at a time with O_NOFOLLOW, so that what is written is what was checked.
+// Confinement of the installer's own writes and reads. The kernel opens the name beneath the
+// root's descriptor (openat2 with RESOLVE_BENEATH): one system call, which fails with EXDEV where
+// a link or ".." would lead out. Kernels without openat2 (ENOSYS), and the names that the kernel
+// refuses or that end in a link to be followed, take the walk: every directory resolved
+// (realpath), the result required to lie in the root, and the directory then opened from the
+// root's descriptor one component at a time with O_NOFOLLOW, so that what is used is what was
+// checked. The walk also tells a link that leads out from an absolute link that stays inside
+// (which RESOLVE_BENEATH refuses as well).
 #include "installer/confine.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +23,61 @@
 #include "runtime/path.h"
 
 namespace {
+
+// The roots' descriptors, opened at first use and kept: a root is a directory that the run has
+// settled on (the installation directory, the Eclipse location, a backup directory) and never
+// moves. Beyond the table's size a root is opened each time.
+struct RootEntry {
+    char path[kPathSize];
+    int fd;
+};
+RootEntry gRoots[4];
+int gRootCount = 0;
+bool gNoOpenat2 = false;  // the kernel said ENOSYS once
+
+int rootDescriptor(const char* root, bool* owned) {
+    *owned = false;
+    for (int i = 0; i < gRootCount; i++)
+        if (strcmp(gRoots[i].path, root) == 0) return gRoots[i].fd;
+    int fd = open(root, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || strlen(root) >= kPathSize || gRootCount == 4) {
+        *owned = fd >= 0;
+        return fd;
+    }
+    strCopyBounded(gRoots[gRootCount].path, root, kPathSize);
+    gRoots[gRootCount++].fd = fd;
+    return fd;
+}
+
+// openat2 beneath dirFd. -1 with errno; ENOSYS also when an earlier call said so.
+int openBeneath(int dirFd, const char* rel, int flags, mode_t mode) {
+    if (gNoOpenat2) {
+        errno = ENOSYS;
+        return -1;
+    }
+    struct open_how how;
+    memset(&how, 0, sizeof(how));
+    how.flags = static_cast<uint64_t>(flags) | O_CLOEXEC;
+    how.mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? mode : 0;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    auto fd = static_cast<int>(syscall(SYS_openat2, dirFd, rel[0] != '\0' ? rel : ".", &how, sizeof(how)));
+    if (fd < 0 && errno == ENOSYS) gNoOpenat2 = true;
+    return fd;
+}
+
+// What an openat2 failure leaves to the walk: the kernel's refusals (a link or ".." out, an
+// absolute link, a magic link, a rename racing the lookup) and a kernel without it. Anything else
+// (ENOENT, EACCES, ENOTDIR, ...) is the operation's ordinary failure.
+bool walkDecides(int error) {
+    return error == EXDEV || error == ELOOP || error == EAGAIN || error == ENOSYS;
+}
+
+// path relative to root (path begins with root): the rest without leading "/".
+const char* relativeTo(const char* root, const char* path) {
+    const char* rel = path + strlen(root);
+    while (*rel == '/') rel++;
+    return rel;
+}
 
 // Splits path into its directory and its last name (trailing "/" ignored). False when there is no
 // name to split off, or the name is "." or "..", which no caller means.
@@ -137,12 +199,12 @@ int32_t isBelowRoot(const char* rootReal, const char* real) {
     return strncmp(real, rootReal, length) == 0 && (real[length] == '\0' || real[length] == '/') ? 1 : 0;
 }
 
-ConfineResult confinePath(const char* root, const char* path, bool followLast, ConfinedPath* out) {
-    out->dirFd = -1;
+namespace {
+
+// The walk: confinePath without the kernel's help.
+ConfineResult walkConfined(const char* root, const char* path, bool followLast, ConfinedPath* out) {
     char rootReal[PATH_MAX], parent[PATH_MAX], parentReal[PATH_MAX], leaf[kPathSize];
-    // Callers build the path from the root; anything else is a mistake, not a path to write.
-    if (strncmp(path, root, strlen(root)) != 0 || !splitPath(path, parent, leaf) ||
-        strlen(parent) + 1 < strlen(root)) {
+    if (!splitPath(path, parent, leaf)) {
         errno = EINVAL;
         return kConfineFailed;
     }
@@ -161,12 +223,49 @@ ConfineResult confinePath(const char* root, const char* path, bool followLast, C
     return result;
 }
 
+}  // namespace
+
+ConfineResult confinePath(const char* root, const char* path, bool followLast, ConfinedPath* out) {
+    out->dirFd = -1;
+    char parent[PATH_MAX], leaf[kPathSize];
+    // Callers build the path from the root; anything else is a mistake, not a path to write.
+    if (strncmp(path, root, strlen(root)) != 0 || !splitPath(path, parent, leaf) ||
+        strlen(parent) + 1 < strlen(root)) {
+        errno = EINVAL;
+        return kConfineFailed;
+    }
+    bool owned = false;
+    int rootFd = rootDescriptor(root, &owned);
+    if (rootFd < 0) return kConfineFailed;
+    int dirFd = openBeneath(rootFd, strlen(parent) > strlen(root) ? relativeTo(root, parent) : "",
+                            O_PATH | O_DIRECTORY, 0);
+    int error = errno;
+    if (owned) close(rootFd);
+    if (dirFd < 0) {
+        if (walkDecides(error)) return walkConfined(root, path, followLast, out);
+        errno = error;
+        return kConfineFailed;
+    }
+    struct stat info;
+    if (followLast && fstatat(dirFd, leaf, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(info.st_mode)) {
+        close(dirFd);  // where the link leads is for the walk to work out
+        return walkConfined(root, path, followLast, out);
+    }
+    out->dirFd = dirFd;
+    strCopyBounded(out->leaf, leaf, kPathSize);
+    return kConfineOk;
+}
+
 void releaseConfined(ConfinedPath* confined) {
     if (confined->dirFd >= 0) close(confined->dirFd);
     confined->dirFd = -1;
 }
 
 int openConfined(const char* root, const char* path, int flags, mode_t mode) {
+    if (strncmp(path, root, strlen(root)) == 0) {
+        int fd = openBeneathRoot(root, relativeTo(root, path), flags, mode);
+        if (fd >= 0 || !walkDecides(errno)) return fd;
+    }
     ConfinedPath confined;
     ConfineResult result = confinePath(root, path, true, &confined);
     if (result == kConfineRefused) return kConfineRefusedFd;
@@ -176,6 +275,21 @@ int openConfined(const char* root, const char* path, int flags, mode_t mode) {
     releaseConfined(&confined);
     errno = saved;
     return fd;
+}
+
+int openBeneathRoot(const char* root, const char* rel, int flags, mode_t mode) {
+    bool owned = false;
+    int rootFd = rootDescriptor(root, &owned);
+    if (rootFd < 0) return -1;
+    int fd = openBeneath(rootFd, rel, flags, mode);
+    int error = errno;
+    if (owned) close(rootFd);
+    errno = error;
+    return fd;
+}
+
+bool confineWalkDecides(int error) {
+    return walkDecides(error);
 }
 
 int32_t checkConfined(const char* root, const char* path, bool followLast) {

@@ -35,6 +35,13 @@ void releaseConfined(ConfinedPath* confined);
 // kConfineRefusedFd after the refusal has been printed.
 int openConfined(const char* root, const char* path, int flags, mode_t mode);
 
+// open(2) of rel beneath root in one system call, links inside root followed: a descriptor
+// (close-on-exec), or -1 with errno set and nothing printed. When confineWalkDecides(errno), the
+// kernel could not settle it (a link or ".." that leads out, an absolute link, no openat2): the
+// caller judges the name another way, as openConfined does with its walk.
+int openBeneathRoot(const char* root, const char* rel, int flags, mode_t mode);
+bool confineWalkDecides(int error);
+
 // The check alone, for a path that a shell command is about to use: 1 when refused (printed),
 // else 0; an ordinary failure is left to the command to meet.
 int32_t checkConfined(const char* root, const char* path, bool followLast);

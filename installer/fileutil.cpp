@@ -92,8 +92,12 @@ int32_t copyFileWithin(const char* source, const char* destination, const char* 
         printMessage("Insufficient write access to %s.", destination);
         return 1;
     }
-    FILE* in = fopen(source, "rb");
+    // Within a root the source is read only where it lies in it, like the destination is written.
+    int inFd = root != nullptr ? openConfined(root, source, O_RDONLY, 0) : open(source, O_RDONLY | O_CLOEXEC);
+    if (inFd == kConfineRefusedFd) return 1;
+    FILE* in = inFd >= 0 ? fdopen(inFd, "rb") : nullptr;
     if (in == nullptr) {
+        if (inFd >= 0) close(inFd);
         printMessage("Cannot open copy source file %s.", source);
         return 1;
     }

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "installer/console.h"
+#include "installer/dirtrust.h"
 #include "installer/fileutil.h"
 #include "installer/state.h"
 #include "runtime/path.h"
@@ -230,6 +231,10 @@ LoopResult settleOnce(const char* defaultDir) {
         return preset ? kFailed : kAskAgain;
     }
 
+    // As root, before anything is created or unpacked: a directory that another user could change
+    // or replace, or one of the system's own, is refused.
+    if (checkInstallDirectoryTrust(layout.installDir) != 0) return preset ? kFailed : kAskAgain;
+
     if (checkAccessBeforeCreation(absolute) != 0) return kFailed;
 
     commitLayout(layout);
@@ -272,5 +277,8 @@ int32_t queryInstallDirectory() {
         if (result == kFailed) return 1;
         if (result == kSettled) break;
     }
+    // Once more now that the directory exists: in a directory on the way that everyone may write
+    // (a sticky /tmp), another user could have made it first, between the check and its creation.
+    if (checkInstallDirectoryTrust(gState.installDir) != 0) return 1;
     return finalAccessCheck();
 }

@@ -75,10 +75,11 @@ int32_t compileMacroList(const char* listPath, int32_t listSize) {
         printMessage("Cannot allocate memory for macros file list %s.", listPath);
         return 1;
     }
-    int fd = open(listPath, O_RDONLY);
+    // The list is read where it lies in the installation, never through a link that leads out.
+    int fd = openConfined(gState.installDir, listPath, O_RDONLY, 0);
     if (fd < 0) {
         free(list);
-        printMessage("Cannot open macros list file %s.", listPath);
+        if (fd != kConfineRefusedFd) printMessage("Cannot open macros list file %s.", listPath);
         return 1;
     }
     ssize_t count = read(fd, list, length);

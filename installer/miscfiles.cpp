@@ -52,7 +52,9 @@ int32_t moveByLink(const char* from, const char* to) {
 // Appends the whole of file to the open descriptor fd of target. A file that cannot be read
 // ends the installer: the alias file would be left half merged otherwise.
 void appendWholeFile(const char* file, int fd, const char* target) {
-    int in = open(file, O_RDONLY);
+    // Read where it lies in the installation: a link out is refused, not appended.
+    int in = openConfined(gState.installDir, file, O_RDONLY, 0);
+    if (in == kConfineRefusedFd) return;
     if (in < 0) {
         printMessage("Cannot open %s", file);
         exit(1);
@@ -100,6 +102,12 @@ int32_t updateAliasFile() {
     formatPath(shipped, "%s$alias.crv", gState.installDir);
 
     if (!pathExists(alias)) {
+        // The shipped file becomes the user's alias file: a link that leads out would hand every
+        // user what it points at.
+        if (checkConfined(gState.installDir, shipped, true) != 0) {
+            unlink(shipped);
+            return 1;
+        }
         moveByLink(shipped, alias);
         return 0;
     }

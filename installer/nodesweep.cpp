@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <ctime>
 
@@ -16,6 +17,7 @@ namespace {
 struct Sweep {
     const char* dir;
     struct timespec since;
+    bool clearOthersWrite;
     int32_t found;
 };
 
@@ -34,8 +36,21 @@ bool later(const struct timespec& a, const struct timespec& b) {
 int32_t removeIfSpecial(int dirFd, const char* name, const char* rel, const struct stat& info,
                         void* context) {
     auto* sweep = static_cast<Sweep*>(context);
+    if (!later(info.st_ctim, sweep->since)) return 0;
     const char* kind = kindOf(info.st_mode);
-    if (kind == nullptr || !later(info.st_ctim, sweep->since)) return 0;
+    if (kind == nullptr) {
+        // As root, what the package brought is not left for every user to change: a 0777 bin/cv or
+        // macros/ would let any user change what others run. A directory is visited before its
+        // contents, so nothing is swapped in below it once it is cleared. The mode is set on the
+        // entry itself, never through a link.
+        if (sweep->clearOthersWrite && !S_ISLNK(info.st_mode) && (info.st_mode & S_IWOTH) != 0 &&
+            fchmodat(dirFd, name, (info.st_mode & 07777) & ~S_IWOTH, AT_SYMLINK_NOFOLLOW) != 0 &&
+            errno != EOPNOTSUPP) {
+            printMessage("Cannot take the write permission of other users from %s%s.", sweep->dir, rel);
+            sweep->found++;
+        }
+        return 0;
+    }
     sweep->found++;
     if (unlinkat(dirFd, name, 0) == 0) {
         printMessage("Removed %s%s: the package may not install a %s.", sweep->dir, rel, kind);
@@ -61,7 +76,7 @@ void markBeforeUnpacking(struct timespec* mark) {
 }
 
 int32_t removeSpecialFiles(const char* dir, const struct timespec& since) {
-    Sweep sweep{dir, since, 0};
+    Sweep sweep{dir, since, getuid() == 0, 0};
     char failedRel[PATH_MAX];
     // Another user's installer cannot make device nodes, and a FIFO or socket in a directory that it
     // cannot read harms only that user: only root, who can read every directory, must see all.

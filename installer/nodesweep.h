@@ -11,7 +11,9 @@
 // so that whatever is made from now on carries a later time (waits at most one clock tick).
 void markBeforeUnpacking(struct timespec* mark);
 // Removes the device nodes, FIFOs and sockets in dir (ends in "/") whose status changed after
-// since, the mark taken before unpacking: those the package brought. What was there before is left
-// alone.
-// Each is reported; 0 when there was none, 1 after the reports.
+// since, the mark taken before unpacking: those the package brought. As root, it also takes the
+// write permission of other users from the package's files and directories. What was there before
+// is left alone.
+// Each removal, and a permission that could not be taken, is reported; 0 when there was none, 1
+// after the reports.
 int32_t removeSpecialFiles(const char* dir, const struct timespec& since);

@@ -89,9 +89,10 @@ E2E_CASES(
     // 65534, whose directory it is, runs the next check, which removes it first.
     Case{
         "killed_probe_removed",
-        "mnt m size=200m && mkdir m/i && chown 65534 m/i",
+        "mnt m size=200m && mkdir m/i",
         R"sh((ulimit -f 65536; exec "$D/cvinst" -post-install -destination-dir "$S/m/i" <<<$'\nyes') >/dev/null 2>&1
               test -s m/i/SPACECHECK || exit 9
+              chown 65534 m/i
               nobody "$D/cvinst" -post-install -destination-dir "$S/m/i")sh",
         kOpen,
         0,
