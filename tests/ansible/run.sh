@@ -23,7 +23,23 @@ command -v ansible-playbook >/dev/null || { echo "ansible-playbook not found (De
 build=$(cd "$1" && pwd)
 repo=$(cd "$(dirname "$0")/../.." && pwd)
 t=$(mktemp -d)
-trap 'GNUPGHOME=$t/gnupg gpgconf --kill all 2>/dev/null || true; [ -n "${KEEP:-}" ] || rm -rf "$t"' EXIT
+# (others may pass through it: the ssh rows' user has its home below it)
+chmod 0711 "$t"
+source "$repo/tests/ansible/sshd.sh"
+ssh_user=
+cleanup() {
+  GNUPGHOME=$t/gnupg gpgconf --kill all 2>/dev/null || true
+  sshd_stop "$t/sshd"
+  local pid
+  for pid in $(cat "$t/hang.pids" 2>/dev/null); do kill "$pid" 2>/dev/null || true; done
+  if [ -n "$ssh_user" ]; then
+    rm -f "/etc/sudoers.d/$ssh_user"
+    userdel "$ssh_user" 2>/dev/null || true
+  fi
+  if mountpoint -q "$t/small"; then umount "$t/small"; fi
+  [ -n "${KEEP:-}" ] || rm -rf "$t"
+}
+trap cleanup EXIT
 # Nothing from the caller's own Ansible set-up or home directory.
 export HOME=$t LC_ALL=C.UTF-8 ANSIBLE_CONFIG=$repo/deploy/ansible/ansible.cfg ANSIBLE_FORKS=3 \
   ANSIBLE_LOCAL_TEMP=$t/.ansible/tmp ANSIBLE_REMOTE_TEMP=$t/.ansible/remote ANSIBLE_HOST_KEY_CHECKING=False \
@@ -50,6 +66,12 @@ echo '/* damaged */' >>"$t/repack/macros/main.e"
 (cd "$t/broken" && sha256sum cdinst.cvb cvcheck cvinst cvpack license.txt >SHA256SUMS)
 cp -r "$build/dist-plugin" "$t/plugin-dist"
 cp -r "$build/eclipse-demo" "$t/eclipse"
+cp -r "$build/eclipse-demo" "$t/eclipse-ssh"
+
+# A release whose installer never ends (it notes its process id, then waits), with matching sums.
+cp -r "$build/dist" "$t/hang"
+printf '#!/bin/sh\necho $$ >>%s\nwhile :; do sleep 1; done\n' "$t/hang.pids" >"$t/hang/cvinst"
+(cd "$t/hang" && sha256sum cdinst.cvb cvcheck cvinst cvpack license.txt >SHA256SUMS)
 
 inventory() {  # inventory FILE [HOST SETTINGS]...: the three hosts, some with settings of their own
   local file=$1 h
@@ -77,6 +99,14 @@ play() {  # play NAME INVENTORY [options]: the playbook's output goes to $t/NAME
   if [ "${1:-}" = rolling ]; then playbook=rolling.yml && shift; fi
   ansible-playbook -i "$t/$hosts" "$repo/deploy/ansible/$playbook" "$@" </dev/null >"$t/$name.log" 2>&1 || true
 }
+# ssh_play NAME [options]: a play over ssh with Ansible's own defaults (the remote temporary
+# directory in the user's home, host keys checked against the known_hosts file given)
+ssh_play() {
+  local name=$1
+  shift
+  env -u ANSIBLE_REMOTE_TEMP -u ANSIBLE_HOST_KEY_CHECKING ansible-playbook -i "$t/hosts-ssh" \
+    "$repo/deploy/ansible/site.yml" "$@" </dev/null >"$t/$name.log" 2>&1 || true
+}
 recap() {  # recap NAME HOST: "changed failed" of HOST in the play recap of run NAME
   awk -v h="$2" '$1 == h && $2 == ":" { for (i = 3; i <= NF; i++) { split($i, kv, "="); n[kv[1]] = kv[2] }
                                          print n["changed"], n["failed"] }' "$t/$1.log"
@@ -91,7 +121,7 @@ check() {  # check WHAT COMMAND...
 }
 has() { grep -qF -- "$2" "$t/$1.log"; }
 lacks() { ! has "$@"; }
-installed() { [[ "$(recap "$1" "$2")" =~ ^[1-9][0-9]*\ 0$ ]]; }  # changed, not failed
+installed() { [[ "$(recap "$1" "$2")" =~ ^1\ 0$ ]]; }  # changed, not failed
 failed() { [[ "$(recap "$1" "$2")" =~ \ 1$ ]]; }
 same_as_payload() { cmp -s "$repo/demo/payload/$2" "$t/$1/corvane/$2"; }
 yes=(-e corvane_accept_license=true)
@@ -178,6 +208,38 @@ done
 play r8b hosts -e corvane_state=absent
 check "r8b absent again: unchanged" [ "$(recap r8b h1)" = "0 0" ]
 
+# Base directories another user could change are refused before anything is made in them; one
+# too small for the release says so rather than reporting the installer's status.
+mkdir -m 0777 "$t/shared"
+mkdir "$t/theirs" && chown 65534:65534 "$t/theirs"
+small=yes
+mkdir "$t/small" && mount -t tmpfs -o size=1m cvfleet-small "$t/small" 2>/dev/null || small=
+inventory "$t/hosts-bases" h1 "corvane_work_dir=$t/shared/w" h2 "corvane_work_dir=$t/theirs" h3 "corvane_work_dir=$t/small/w"
+play rw hosts-bases "${yes[@]}"
+check "rw h1 refused" failed rw h1
+check "rw h1 says why" has rw "Install Corvane on h1: corvane_work_dir: $t/shared is writable by others without the sticky bit (mode drwxrwxrwx)"
+check "rw h1 nothing made there" [ -z "$(ls -A "$t/shared")" ]
+check "rw h2 refused" failed rw h2
+check "rw h2 says why" has rw "Install Corvane on h2: corvane_work_dir: $t/theirs is owned by user 65534, neither root nor the connecting user"
+check "rw h2 nothing made there" [ -z "$(ls -A "$t/theirs")" ]
+for h in h1 h2; do check "rw $h nothing installed" [ ! -e "$t/$h/corvane" ]; done
+if [ -n "$small" ]; then
+  check "rw h3 fails" failed rw h3
+  check "rw h3 could not unpack" has rw "could not unpack into $t/small/w/corvane."
+  check "rw h3 names the reason" has rw "on h3: no space left on device. Nothing was installed."
+  check "rw h3 not the installer's status" lacks rw 'cvinst ended with exit status'
+  check "rw h3 private directory removed" [ -z "$(ls -A "$t/small/w")" ]
+  umount "$t/small"
+else
+  echo "SKIPPED rw h3 (no space left): cannot mount a tmpfs here"
+fi
+
+# A value of the wrong type is refused by the role's argument spec before any task.
+play rt hosts "${yes[@]}" -e corvane_timeout=soon -l h1
+check "rt refused" failed rt h1
+check "rt names the variable" has rt "argument 'corvane_timeout' is of type <class 'str'>"
+check "rt no release checked" lacks rt 'Check the settings and the release'
+
 play r9 hosts-rolling rolling "${yes[@]}"
 check "r9 h1 installed in the first batch" installed r9 h1
 check "r9 h2 fails in the second" has r9 "corvane-demo.run arrived damaged on h2"
@@ -193,6 +255,21 @@ play r11 hosts-plugin -e corvane_state=absent -e corvane_purge=true -l h1
 check "r11 h1 removed" installed r11 h1
 check "r11 link file gone" [ ! -e "$link" ]
 check "r11 plug-in root gone" [ ! -e "$t/h1/corvplugin" ]
+
+# An installer that never ends is stopped by corvane_timeout with all it started, and what the
+# role put on the host is removed.
+inventory "$t/hosts-hang" h2 "corvane_run_file='' corvane_dist_dir=$t/hang corvane_timeout=3"
+play r12 hosts-hang "${yes[@]}" -l h2
+check "r12 h2 fails" failed r12 h2
+check "r12 h2 names the step and the limit" has r12 "Install Corvane on h2 did not end within corvane_timeout (3 s); it was stopped, and what the role had put on the host was removed ($t/h2/work/corvane."
+check "r12 the installer ran" [ -s "$t/hang.pids" ]
+gone() { [ ! -e "/proc/$1" ] || grep -q '^State:.*zombie' "/proc/$1/status"; }  # ended (a zombie where no init reaps)
+running() { [ -n "$1" ] && ! gone "$1"; }
+check "r12 the installer stopped" gone "$(tail -n 1 "$t/hang.pids")"
+check "r12 private directory removed" [ -z "$(ls -A "$t/h2/work")" ]
+check "r12 nothing sent left" [ -z "$(ls -A "$t/.ansible/remote")" ]
+
+source "$repo/tests/ansible/ssh_rows.sh"
 
 if [ "$fails" -ne 0 ]; then
   for log in "$t"/r*.log; do echo "=== $log" && cat "$log"; done

@@ -52,32 +52,43 @@ refuse() {
 }
 """
 
-# private_dir BASE: makes BASE when it is missing, refuses it when another user could rename or
-# replace what is made there (a directory on its physical path owned by someone other than root,
-# the user running this or the user sudo came from, or writable by others without the sticky
-# bit), then makes the private directory in it.
+# private_dir BASE: refuses BASE when another user could rename or replace what is made there: a
+# directory on its physical path owned by someone other than root, the user running this or the
+# user sudo came from, or writable by others without the sticky bit. The path that exists is
+# checked before BASE is made (when missing) and the whole path again after; then the private
+# directory is made in it.
 PRIVATE_DIR_SCRIPT = r"""
-private_dir() {
-    (umask 022 && mkdir -p -- "$1") 2>/dev/null
-    real=$(cd -P -- "$1" 2>/dev/null && pwd -P) || refuse "corvane_work_dir: $1 is not a directory that can be made or entered."
-    me=$(id -u)
-    d=$real
+check_path() {
+    d=$1
     set -f
     while :; do
         # shellcheck disable=SC2046
         set -- $(ls -ldn -- "$d")
         case $3 in
             0 | "$me" | "${SUDO_UID:-0}") ;;
-            *) refuse "corvane_work_dir: $d is owned by user $3, neither root nor the connecting user, who could replace the private directory the role makes in $real. Choose a directory only root or you can change (corvane_work_dir=DIR)." ;;
+            *) refuse "corvane_work_dir: $d is owned by user $3, neither root nor the connecting user, who could replace the private directory the role makes in $base. Choose a directory only root or you can change (corvane_work_dir=DIR)." ;;
         esac
         case $1 in
-            ????????w[!tT]*) refuse "corvane_work_dir: $d is writable by others without the sticky bit (mode $1): another user could replace the private directory the role makes in $real. Choose a directory only root or you can change (corvane_work_dir=DIR)." ;;
+            ????????w[!tT]*) refuse "corvane_work_dir: $d is writable by others without the sticky bit (mode $1): another user could replace the private directory the role makes in $base. Choose a directory only root or you can change (corvane_work_dir=DIR)." ;;
         esac
         [ "$d" != / ] || break
         d=${d%/*}
         [ -n "$d" ] || d=/
     done
     set +f
+}
+private_dir() {
+    base=$1
+    me=$(id -u)
+    e=$base
+    while ! [ -d "$e" ]; do
+        e=${e%/*}
+        [ -n "$e" ] || e=/
+    done
+    check_path "$(cd -P -- "$e" && pwd -P)"
+    (umask 022 && mkdir -p -- "$base") 2>/dev/null
+    real=$(cd -P -- "$base" 2>/dev/null && pwd -P) || refuse "corvane_work_dir: $base is not a directory that can be made or entered."
+    check_path "$real"
     CORVANE_WORK=$(umask 077 && mktemp -d "$real/corvane.XXXXXXXXXX") || refuse "cannot make a private directory in $real (corvane_work_dir)."
     printf 'corvane-work %s\n' "$CORVANE_WORK"
 }
