@@ -4,6 +4,7 @@
 #  2. a clang build (-Wall -Wextra -Wcomma) has no warning (-Werror);
 #  3. clang-tidy, with the checks of .clang-tidy, finds nothing over that build's compile database.
 #  4. shellcheck finds nothing in the header script of the self-extracting file (POSIX sh).
+#  5. ansible-lint (strict: warnings count) finds nothing in the Ansible role, no rule skipped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -24,4 +25,8 @@ echo "no findings"
 
 echo "== shellcheck"
 shellcheck -s sh tools/cvmkdist/selfextract.sh
+echo "no findings"
+
+echo "== ansible-lint"
+(cd deploy/ansible && ansible-lint --strict -q)
 echo "no findings"

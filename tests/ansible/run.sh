@@ -10,12 +10,18 @@
 #       reinstalled; h2, forced onto a distribution directory whose package holds a damaged
 #       file, fails with the installer's own messages after backing up its configuration;
 #   r5  verified: h1 and h3 pass, h2 (a file changed by hand) fails naming that file;
-#   r6  check mode: h2 would be reinstalled, and nothing changes;
+#   r6  check mode with --diff: h2 would be reinstalled, the diff names its changed file, and
+#       nothing changes;
 #   r7  absent in check mode removes nothing; r8 absent with corvane_purge removes all three;
 #   r9  rolling.yml: h1 installs in the first batch, h2's damaged transfer fails the second, and
 #       the rollout stops before h3;
+#   rw  base directories another user could change (mode 0777, owned by uid 65534) are refused
+#       before anything is made in them; one on a full file system says "could not unpack";
+#   rt  a variable of the wrong type is refused by the role's argument spec;
 #   r10 the plug-in package from a distribution directory on h1 with corvane_eclipse_dir; r11 its
-#       removal takes the Eclipse link file too.
+#       removal takes the Eclipse link file too;
+#   r12 an installer that never ends is stopped by corvane_timeout, and the role's files removed;
+#   s*  the rows over a real OpenSSH server (ssh_rows.sh).
 # Usage: run.sh BUILD_DIR (with dist/, dist-plugin/, eclipse-demo/ and corvane-demo.run built).
 # Exit status 77: ansible-playbook missing.
 set -euo pipefail
@@ -187,9 +193,11 @@ done
 check "r5 h2 fails" failed r5 h2
 check "r5 h2 names the file" has r5 "\"$t/h2/corvane/macros/main.e (size: listed with $size bytes, has $((size + 18)))\""
 
-play r6 hosts "${yes[@]}" --check
+play r6 hosts "${yes[@]}" --check --diff
 check "r6 h2 would be reinstalled" [ "$(recap r6 h2)" = "1 0" ]
 check "r6 h2 says why" has r6 "Check mode: would install release corvane-demo in $t/h2/corvane on h2 (was: 1 installed files differed"
+check "r6 h2 diff header" has r6 "+++ after: $t/h2/corvane on h2 (release corvane-demo)"
+check "r6 h2 diff names the file" has r6 "-$t/h2/corvane/macros/main.e (size: listed with $size bytes, has $((size + 18)))"
 check "r6 h1 unchanged" [ "$(recap r6 h1)" = "0 0" ]
 check "r6 h2 nothing done" [ "$(tail -c 18 "$t/h2/corvane/macros/main.e")" = '; changed by hand' ]
 
