@@ -12,7 +12,7 @@ sshd_free_port() {
 }
 
 sshd_start() {
-  local dir=$1 key=$2 try
+  local dir=$1 key=$2 _
   shift 2
   sshd_why=
   if [ ! -x /usr/sbin/sshd ]; then
@@ -28,7 +28,7 @@ sshd_start() {
     return 1
   }
   install -m 0644 "$key" "$dir/authorized_keys"
-  for try in 1 2 3; do
+  for _ in 1 2 3; do
     sshd_port=$(sshd_free_port)
     cat >"$dir/sshd_config" <<EOF
 Port $sshd_port
