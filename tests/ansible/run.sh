@@ -40,7 +40,9 @@ cleanup() {
   for pid in $(cat "$t/hang.pids" 2>/dev/null); do kill "$pid" 2>/dev/null || true; done
   if [ -n "$ssh_user" ]; then
     rm -f "/etc/sudoers.d/$ssh_user"
-    userdel "$ssh_user" 2>/dev/null || true
+    # (its sessions end with the server; give them a moment)
+    for _ in 1 2 3 4 5 6 7 8 9 10; do pgrep -u "$ssh_user" >/dev/null 2>&1 || break; sleep 0.2; done
+    userdel -f "$ssh_user" 2>/dev/null || true
   fi
   if mountpoint -q "$t/small"; then umount "$t/small"; fi
   [ -n "${KEEP:-}" ] || rm -rf "$t"
