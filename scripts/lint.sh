@@ -33,4 +33,6 @@ echo "no findings"
 
 echo "== ansible-lint"
 (cd deploy/ansible && ansible-lint --strict --offline -q)
+# and ansible-doc renders each action plugin's documentation
+ansible-doc -M deploy/ansible/roles/corvane/library corvane_release corvane_ship corvane_outcome >/dev/null
 echo "no findings"

@@ -21,6 +21,7 @@
 #   r10 the plug-in package from a distribution directory on h1 with corvane_eclipse_dir; r11 its
 #       removal takes the Eclipse link file too;
 #   r12 an installer that never ends is stopped by corvane_timeout, and the role's files removed;
+#   r13 an installer that says it succeeded but installed nothing: the host fails on cvcheck verify;
 #   s*  the rows over a real OpenSSH server (ssh_rows.sh).
 # Usage: run.sh BUILD_DIR (with dist/, dist-plugin/, eclipse-demo/ and corvane-demo.run built).
 # Exit status 77: ansible-playbook missing.
@@ -76,6 +77,10 @@ cp -r "$build/dist-plugin" "$t/plugin-dist"
 cp -r "$build/eclipse-demo" "$t/eclipse"
 cp -r "$build/eclipse-demo" "$t/eclipse-ssh"
 
+# A release whose installer says it succeeded and installs nothing, with matching sums.
+cp -r "$build/dist" "$t/liar"
+printf '#!/bin/sh\necho "INSTALLATION SUCCESSFULLY COMPLETED"\nexit 0\n' >"$t/liar/cvinst"
+(cd "$t/liar" && sha256sum cdinst.cvb cvcheck cvinst cvpack license.txt >SHA256SUMS)
 # A release whose installer never ends (it notes its process id, then waits), with matching sums.
 cp -r "$build/dist" "$t/hang"
 printf '#!/bin/sh\necho $$ >>%s\nwhile :; do sleep 1; done\n' "$t/hang.pids" >"$t/hang/cvinst"
@@ -278,6 +283,13 @@ running() { [ -n "$1" ] && ! gone "$1"; }
 check "r12 the installer stopped" gone "$(tail -n 1 "$t/hang.pids")"
 check "r12 private directory removed" [ -z "$(ls -A "$t/h2/work")" ]
 check "r12 nothing sent left" [ -z "$(ls -A "$t/.ansible/remote")" ]
+
+# An installer that reports success is not believed: the verification after it decides.
+inventory "$t/hosts-liar" h2 "corvane_run_file='' corvane_dist_dir=$t/liar"
+play r13 hosts-liar "${yes[@]}" -l h2
+check "r13 h2 fails" failed r13 h2
+check "r13 h2 says the installation does not verify" has r13 "cvinst ended with status 0 on h2, but the installation in $t/h2/corvane on h2 does not verify: cannot open $t/h2/corvane"
+check "r13 h2 not reported installed" lacks r13 'installed release'
 
 source "$repo/tests/ansible/ssh_rows.sh"
 

@@ -10,7 +10,7 @@ module: corvane_outcome
 short_description: Works out what a host's examination and installation mean for the corvane role
 description:
   - With I(step=decide), reads the examination (cvcheck verify's JSON, the installation
-    directory's presence and the plug-in's Eclipse link) and sets the fact C(_corvane_seen):
+    directory's presence and the plug-in's Eclipse link) and sets the fact C(_corvane_seen), which says
     whether to install, why, and what was there before.
   - With I(step=report), gives the host's message and fails it when the installation, the
     verification after it, or cvcheck said so; changed where the role installed or removed
@@ -56,7 +56,9 @@ EXAMPLES = r'''
 
 RETURN = r'''
 msg:
-  description: The host's outcome, for example "installed release corvane-10.0 in /opt/corvane on ws01 (was: none)".
+  description: >-
+    The host's outcome, for example "installed release corvane-10.0 in /opt/corvane on ws01
+    (was: none); 15 files verified".
   returned: with step=report
   type: raw
 diff:
