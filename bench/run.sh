@@ -22,14 +22,16 @@
 # directory against the same installation through its self-extracting file (sh corvane.run,
 # setup.ini in the current directory, TMPDIR beside the installation targets), alternating
 # which goes first; the ratio is the median of the per-round ratios. Each round also times the
-# file's check alone (--check) and check plus unpacking (--target), where its extra cost lies.
+# file's check alone (--check) and check plus unpacking (--noexec --target), where its extra cost lies.
 # check: cvcheck verify over a complete installation of the full payload, in alternation with cat
 # of the same files, first with the package's SHA-256 list (distribsha256), then with the byte
 # sums alone (the list moved aside).
 # micro: the Google Benchmark microbenchmarks, medians of five repetitions.
 #
 # Environment: ROUNDS (rounds for the full payload, default 11), ROUNDS_TENTH (default 21),
-# BENCH_WORK (work directory, default build-bench/bench-work), BENCH_DISK=1 (unpack on disk).
+# BENCH_WORK (work directory, default build-bench/bench-work), BENCH_DISK=1 (unpack on disk),
+# SELFEXTRACT_BASE=REV (selfextract also times the same archive behind the header script of the
+# git revision REV, in the same rounds: the file before and after a change of its script).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -70,6 +72,8 @@ make_dist() {
     rm -rf "$dir" && mkdir -p "$dir"
     "$build/bench/genpayload" "$dir/payload" "$divisor"
     cp -R demo/payload/. "$dir/payload/"
+    # The modes git records, whatever the checkout's umask: cvmkdist refuses group-writable files.
+    chmod -R u+w,go-w,a+rX "$dir/payload"
     # One fixed time on every entry: the same payload packs into the same bytes.
     find "$dir/payload" -exec touch -h -d @1700000000 {} +
     "$build/bin/cvmkdist" --payload "$dir/payload" --package cvpack --out "$dir/dist" \
@@ -127,12 +131,14 @@ run_one() {
       end=$(micros)
       grep -q 'INSTALLATION SUCCESSFULLY COMPLETED' "$runs/$kind.log" ||
         { echo "cvinst ${flags[*]} did not complete; see $runs/$kind.log" >&2; exit 1; } ;;
-    run)
+    run|runbase)
       # From a directory that holds only setup.ini; the private copy goes under TMPDIR.
+      local file=$dir/corvane.run
+      [ "$kind" = runbase ] && file=$dir/corvane-base.run
       mkdir -p "$runs/cwd" "$runs/tmp"
       printf '[unattended]\nDestinationDir=%s\n' "$target" >"$runs/cwd/setup.ini"
       start=$(micros)
-      if ! (cd "$runs/cwd" && printf '\nyes\n' | TMPDIR=$runs/tmp sh "$dir/corvane.run" -- -post-install \
+      if ! (cd "$runs/cwd" && printf '\nyes\n' | TMPDIR=$runs/tmp sh "$file" -- -post-install \
               >"$runs/run.log" 2>&1 && times >"$runs/cpu"); then
         echo "sh corvane.run failed; see $runs/run.log" >&2
         exit 1
@@ -145,7 +151,7 @@ run_one() {
     check|unpack)
       # The two parts of the file's own cost: the SHA-256 check alone, and check plus unpacking.
       local option=(--check)
-      [ "$kind" = unpack ] && option=(--target "$target/dist")
+      [ "$kind" = unpack ] && option=(--noexec --target "$target/dist")
       start=$(micros)
       (sh "$dir/corvane.run" "${option[@]}" >/dev/null && times >"$runs/cpu") ||
         { echo "sh corvane.run ${option[*]} failed" >&2; exit 1; }
@@ -274,27 +280,60 @@ bench_demo() {
   rm -rf "${runs:?}"/*
 }
 
+# dir/corvane-base.run: the archive of dir/corvane.run behind the header script of revision $1,
+# its values filled in as cvmkdist does (the header's own size until it settles).
+make_base_run() {
+  local rev=$1 dir=$2 new=$2/corvane.run header archive_bytes sha size=0 filled i
+  header=$(head -c 65536 "$new" | sed -n "s/^header_bytes='\([0-9]*\)'$/\1/p")
+  archive_bytes=$(($(stat -c %s "$new") - header))
+  tail -c "$archive_bytes" "$new" >"$dir/archive.tar"
+  sha=$(sha256sum <"$dir/archive.tar" | cut -c1-64)
+  git show "$rev:tools/cvmkdist/selfextract.sh" >"$dir/base.sh"
+  for ((i = 0; i < 8; i++)); do
+    perl -pe "s/\@ARCHIVE_SHA256\@/$sha/; s/\@ARCHIVE_BYTES\@/$archive_bytes/; s/\@HEADER_BYTES\@/$size/;
+              s/9999999999999999/$((size + archive_bytes))/g; s/\@VERSION\@/10.0/; s/\@PACKAGE\@/cvpack/" \
+      "$dir/base.sh" >"$dir/base.header"
+    filled=$(stat -c %s "$dir/base.header")
+    [ "$filled" = "$size" ] && break
+    size=$filled
+  done
+  cat "$dir/base.header" "$dir/archive.tar" >"$dir/corvane-base.run"
+  rm -f "$dir/archive.tar" "$dir/base.sh" "$dir/base.header"
+}
+
 # The 142 MB installation through its self-extracting file against the same from the directory.
 bench_selfextract() {
-  local dir=$work/full rounds=$1 t=$work/full/run-times order kind
+  local dir=$work/full rounds=$1 t=$work/full/run-times order kind kinds=(install run)
   local -A took=()
   make_dist full 1
   rm -rf "$t" && mkdir -p "$t"
   echo
   echo "== selfextract: corvane.run $(stat -c %s "$dir/corvane.run") bytes, the demo's $(stat -c %s "$build/corvane-demo.run") bytes"
-  for kind in install run; do run_one "$kind" "$dir" w >/dev/null; done   # warm-up
+  if [ -n "${SELFEXTRACT_BASE:-}" ]; then
+    make_base_run "$SELFEXTRACT_BASE" "$dir"
+    kinds+=(runbase)
+    echo "  runbase: the same archive behind the header script of $(git rev-parse --short "$SELFEXTRACT_BASE")"
+  fi
+  for kind in "${kinds[@]}"; do run_one "$kind" "$dir" w >/dev/null; done   # warm-up
   echo "  load: $(cut -d' ' -f1-3 /proc/loadavg) (rounds: $rounds, TMPDIR and targets on $target_kind)"
   for ((r = 0; r < rounds; r++)); do
-    order=(install run check unpack)
-    [ $((r % 2)) -eq 1 ] && order=(run install unpack check)
+    order=("${kinds[@]:r%${#kinds[@]}}" "${kinds[@]:0:r%${#kinds[@]}}" check unpack)
+    [ $((r % 2)) -eq 1 ] && order=(unpack check "${order[@]:0:${#kinds[@]}}")
     time_round "$dir" "$r" "${order[@]}"
     awk -v a="${took[run]}" -v b="${took[install]}" 'BEGIN {print a / b}' >>"$t/ratio"
+    [ -z "${took[runbase]:-}" ] ||
+      awk -v a="${took[runbase]}" -v b="${took[install]}" 'BEGIN {print a / b}' >>"$t/base-ratio"
   done
   report "cvinst from the directory" "$t/install" "$t/install-cpu"
   report "sh corvane.run" "$t/run" "$t/run-cpu"
   report "  its check alone (--check)" "$t/check" "$t/check-cpu"
-  report "  check and unpacking (--target)" "$t/unpack" "$t/unpack-cpu"
+  report "  check and unpacking (--noexec --target)" "$t/unpack" "$t/unpack-cpu"
   ratio_report "corvane.run / directory, per round" "$t/ratio"
+  if [ -f "$t/base-ratio" ]; then
+    report "sh corvane-base.run" "$t/runbase" "$t/runbase-cpu"
+    ratio_report "corvane-base.run / directory" "$t/base-ratio"
+  fi
+  rm -f "$dir/corvane-base.run"
 }
 
 # cvcheck verify against cat of the files it reads, over one complete installation of the full

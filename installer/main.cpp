@@ -13,6 +13,7 @@
 #include "installer/links.h"
 #include "installer/locate.h"
 #include "installer/macros.h"
+#include "installer/maderecord.h"
 #include "installer/miscfiles.h"
 #include "installer/platform.h"
 #include "installer/postinstall.h"
@@ -30,6 +31,7 @@ static int32_t runChain() {
     if (queryInstallDirectory() != 0) return 1;
     // From here on the run writes into the settled directory: a second run into it stops here.
     if (lockInstallDirectory() != 0) return 1;
+    markInstallationStart();
     if (checkDiskSpace() != 0) return 1;
     if (gState.pluginMode != 1) backUpOldConfiguration();
     if (unpackDistribution() != 0) return 1;
@@ -37,6 +39,8 @@ static int32_t runChain() {
     updateMiscFiles();
     if (compileMacros() != 0) return 1;
     if (gState.answers.postInstall == 1 && runPostInstall() != 0) return 1;
+    // What the run made besides the package's files, for cvcheck remove --purge.
+    recordMadeFiles();
     return 0;
 }
 

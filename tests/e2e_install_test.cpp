@@ -107,8 +107,7 @@ E2E_CASES(InstallDir,
           dir("interactive", "cvinst", "$S/inst\n\n", 0,
               {kAgree, kPrompt, "\nDirectory $S/inst/ does not exist. Create [Y]? ",
                "Skipping disk space check.", "\ndone\n", kDone,
-               R"(1. Type "$S/inst/bin/cv" to run Corvane.)"
-               "\n"},
+               line(R"(1. Type "$S/inst/bin/cv" to run Corvane.)")},
               {"test -L inst/bin/cvt"}),
           // A file in the way and a refused creation ask again; a relative answer is taken from the
           // working directory, and shell characters in it are only characters.
@@ -165,9 +164,7 @@ E2E_CASES(Checks,
                       for i in $(seq 200); do [ -s cv-started.log ] && break; sleep 0.05; done; exit $s)sh",
                  0,
                  {"Starting Corvane with post-installation.\nPlease wait for Corvane to come up...\n",
-                  R"(>>> Post install: command="$S/x/bin/cv" +new &)"
-                  "\n",
-                  kDone},
+                  line(R"(>>> Post install: command="$S/x/bin/cv" +new &)"), kDone},
                  {"[ $(stat -c %a x/tagfiles) = 755 ]",
                   R"sh([ "$(cat cv-started.log)" = "$S/x/bin/cv +new DISPLAY=$(cat display)" ])sh"}),
           Case{"disk_space_short",
@@ -190,10 +187,8 @@ E2E_CASES(
           ">>> Unpack command: tar xf -  >/dev/null 2>/dev/null\n", "\nUnpacking files: \ndone\n",
           "Checking distribution files. Please wait...\n", "   100%", std::string(72, ' ') + "\r",
           "Updating user and group file ownership. Please wait...\n",
-          R"(>>> Updating macros user ownership: command=chown -R 0 "$S/inst/")"
-          "\n",
-          R"(>>> Updating macros group ownership: command=chgrp -R 0 "$S/inst/")"
-          "\n",
+          line(R"(>>> Updating macros user ownership: command=chown -R 0 "$S/inst/")"),
+          line(R"(>>> Updating macros group ownership: command=chgrp -R 0 "$S/inst/")"),
           ">>> Linking bin/cvt to cvtw\n", "!Cleaning up"},
          // The list is kept under the time of the check; macros, state and resources are touched.
          {"f=$(cd inst && ls distribfilelist.*) && [[ ${f#*.} =~ ^[0-9]{14}$ ]]",
@@ -265,12 +260,9 @@ E2E_CASES(
          ">>> Creating corv.ini: file=$S/inst/bin/corv.ini\n",
          ">>> Copying $S/inst/corv.stu to $S/inst/rescue.stu\n", "   Timestamping ",
          ">>> Checking macro list: macroListFile=$S/inst/cmacros.lst\n", kCompiling,
-         "$\n" + kStars + "\n*           " + kDone + "              \n" + kStars +
-             "\n\nNOTES:\n"
-             R"(1. Type "$S/inst/bin/cv" to run Corvane.)"
-             "\n"
-             R"(2. You may want to add "$S/inst/bin/" to your users' PATH.)"
-             "\n"},
+         "$\n" + kStars + "\n*           " + kDone + "              \n" + kStars + "\n\nNOTES:\n" +
+             line(R"(1. Type "$S/inst/bin/cv" to run Corvane.)") +
+             line(R"(2. You may want to add "$S/inst/bin/" to your users' PATH.)")},
         {"cmp inst/bin/corv.ini corv.ini", "[ $(stat -c %a inst/bin/corv.ini) = 644 ]",
          "[ ! -s inst/uproject.crv ]", "[ $(stat -c %a inst/uproject.crv) = 666 ]",
          R"sh(cmp inst/rescue.stu "$P/corv.stu")sh", R"sh(cmp inst/alias.crv "$P/\$alias.crv")sh",
@@ -294,9 +286,7 @@ E2E_CASES(
         {R"sh([ "$(cat bk3/corv.ini)" = 'old settings' ])sh", R"sh([ "$(cat bk3/unixc.api)" = 'old api' ])sh",
          "[ $(ls -A bk3 | wc -l) = 2 ]", "! grep -q old inst/bin/corv.ini", "! test -e 'inst/$alias.crv'",
          R"sh([ "$(cat inst/uproject.crv)" = "the user's project" ])sh",
-         R"sh(cmp inst/alias.crv <(printf %s 'see functioncomment here)sh"
-         "\n"
-         R"sh('; cat "$P/\$alias.crv"))sh"},
+         R"sh(cmp inst/alias.crv <(printf '%s\n' 'see functioncomment here'; cat "$P/\$alias.crv"))sh"},
         {{"$S/inst/bin/corv.ini", "old settings\n"},
          {"$S/inst/unixc.api", "old api\n"},
          {"$S/inst/uproject.crv", "the user's project\n"},

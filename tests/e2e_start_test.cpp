@@ -67,33 +67,32 @@ E2E_CASES(
     // comment, the last value of the first such section, a trailing blank kept and a final Ctrl-Z
     // not. No preset from other sections, a name that only begins alike, blanks in the key, a
     // comment, entries behind the section, an empty file.
-    Case{"presets",
-         "",
-         "L='a b c d e f x y asked p?1? p2 dist/rel dist/fromargs'; " + kEach +
-             R"sh(eval "./cvinst -d -post-install $a" <<<$'\nyes\n'"$S/asked"$'\ny' >../o
+    Case{
+        "presets",
+        "",
+        "L='a b c d e f x y asked p?1? p2 dist/rel dist/fromargs'; " + kEach +
+            R"sh(eval "./cvinst -d -post-install $a" <<<$'\nyes\n'"$S/asked"$'\ny' >../o
                  echo $? $(grep -c 'Install directory \[\|Create \[Y\]?' ../o) $(cd .. && ls -d $L 2>/dev/null | tr '\n' '|')
                  (cd .. && rm -rf $L); done)sh",
-         "dist|-destination-dir $S/a\n"
-         "dist|-destination-dir $S/x xDESTINATION-Dir $S/e\n"
-         "dist|-destination-dir\n"
-         "dist|-backup-dir -destination-dir $S/f\n"
-         "dist|-destination-dir rel\n"
-         "dist|bogus -x + - ''\n"
-         // The whole files, in printf's %b escapes.
-         R"(dist|||; answers\n  \t[UNATTENDED]\r\r\n\n \t destinationDIR=$S/x\rDestinationDir=$S/p 1 \n)"
-         R"([unattended]\nDestinationDir=$S/y\n)"
-         "\n"
-         R"(dist|||[unattended]\nDestinationDir=$S/p2\x1a)"
-         "\n"
-         "dist|-destination-dir fromargs|DestinationDir=$S/x\n"
-         R"(dist|||[other]\nDestinationDir=$S/a\n[unattendedx]\nDestinationDir=$S/b\n[unattended]\n)"
-         R"(DestinationDir = $S/c\n; DestinationDir=$S/d\nPostInstall=no\n[other]\nDestinationDir=$S/e\n)"
-         "\n"
-         R"(dist|||\c)"
-         "\n",
-         0,
-         {"=0 0 a|\n0 0 e|\n0 2 asked|\n0 0 f|\n0 0 dist/rel|\n0 2 asked|\n0 0 p 1 |\n0 0 p2|\n"
-          "0 0 dist/fromargs|\n0 2 asked|\n0 2 asked|\n"}});
+        "dist|-destination-dir $S/a\n"
+        "dist|-destination-dir $S/x xDESTINATION-Dir $S/e\n"
+        "dist|-destination-dir\n"
+        "dist|-backup-dir -destination-dir $S/f\n"
+        "dist|-destination-dir rel\n"
+        "dist|bogus -x + - ''\n" +
+            // The whole files, in printf's %b escapes.
+            line(
+                R"(dist|||; answers\n  \t[UNATTENDED]\r\r\n\n \t destinationDIR=$S/x\rDestinationDir=$S/p 1 \n)"
+                R"([unattended]\nDestinationDir=$S/y\n)") +
+            line(R"(dist|||[unattended]\nDestinationDir=$S/p2\x1a)") +
+            "dist|-destination-dir fromargs|DestinationDir=$S/x\n" +
+            line(
+                R"(dist|||[other]\nDestinationDir=$S/a\n[unattendedx]\nDestinationDir=$S/b\n[unattended]\n)"
+                R"(DestinationDir = $S/c\n; DestinationDir=$S/d\nPostInstall=no\n[other]\nDestinationDir=$S/e\n)") +
+            line(R"(dist|||\c)"),
+        0,
+        {"=0 0 a|\n0 0 e|\n0 2 asked|\n0 0 f|\n0 0 dist/rel|\n0 2 asked|\n0 0 p 1 |\n0 0 p2|\n"
+         "0 0 dist/fromargs|\n0 2 asked|\n0 2 asked|\n"}});
 
 E2E_CASES(
     AnswersFile,

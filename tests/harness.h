@@ -45,6 +45,10 @@ inline const std::string kOpen = "\nyes\n";  // Enter at the pause, "yes" to the
 inline std::string answers(const std::string& dir) {
     return kOpen + dir + "\ny\n";
 }
+// A line of expected output: the text and its line feed.
+inline std::string line(const std::string& text) {
+    return text + "\n";
+}
 inline std::string msg(const std::string& text) {
     return "Corvane Install: " + text + "\n";
 }

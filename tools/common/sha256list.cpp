@@ -6,19 +6,27 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
-int buildSha256List(const char* program, const std::string& root, std::vector<std::string> names,
+int buildSha256List(const char* program, const std::string& root, const std::vector<std::string>& names,
                     std::string* list) {
-    std::sort(names.begin(), names.end());
+    std::vector<std::pair<std::string, std::string>> files;
+    files.reserve(names.size());
+    for (const std::string& name : names) files.emplace_back(name, root + "/" + name);
+    return buildSha256ListOf(program, std::move(files), list);
+}
+
+int buildSha256ListOf(const char* program, std::vector<std::pair<std::string, std::string>> files,
+                      std::string* list) {
+    std::sort(files.begin(), files.end());
     list->clear();
-    for (const std::string& name : names) {
+    for (const auto& file : files) {
         char hex[kSha256HexSize];
-        if (sha256File((root + "/" + name).c_str(), hex) != 0) {
-            fprintf(stderr, "%s: cannot read %s/%s: %s\n", program, root.c_str(), name.c_str(),
-                    strerror(errno));
+        if (sha256File(file.second.c_str(), hex) != 0) {
+            fprintf(stderr, "%s: cannot read %s: %s\n", program, file.second.c_str(), strerror(errno));
             return 1;
         }
-        *list += sha256SumLine(hex, name);
+        *list += sha256SumLine(hex, file.first);
     }
     return 0;
 }

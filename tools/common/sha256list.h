@@ -4,6 +4,7 @@
 // any other file; cvcheck checks with it, since a byte sum misses two swapped bytes.
 #pragma once
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/common/sha256.h"
@@ -17,8 +18,11 @@ struct Sha256Entry {
 
 // Builds the list of the files names (relative to root) into list. 0, or 1 after
 // "<program>: <why>" on standard error.
-int buildSha256List(const char* program, const std::string& root, std::vector<std::string> names,
+int buildSha256List(const char* program, const std::string& root, const std::vector<std::string>& names,
                     std::string* list);
+// The same over (name, file) pairs: each name's digest is taken from its file.
+int buildSha256ListOf(const char* program, std::vector<std::pair<std::string, std::string>> files,
+                      std::string* list);
 // One line without its line feed, as sha256sum writes it (a leading "\" marks a name with "\\"
 // and "\n" escapes). 0, or 1 when the line is not of that form.
 int parseSha256Line(const std::string& line, Sha256Entry* entry);

@@ -15,6 +15,7 @@
 
 #include "installer/bytesum.h"
 #include "tools/cvcheck/safedir.h"
+#include "tools/common/modelist.h"
 #include "tools/common/sha256.h"
 
 namespace {
@@ -56,10 +57,23 @@ FileCheck checkFileAt(int dirFd, const char* leaf, const ListedFile& file) {
     if (fstatat(dirFd, leaf, &info, AT_SYMLINK_NOFOLLOW) != 0)
         return failed(errno == ENOENT || errno == ENOTDIR ? kMissing : kUnreadable, method, errno);
     if (!S_ISREG(info.st_mode)) return failed(kContent, method, S_ISLNK(info.st_mode) ? ELOOP : 0);
-    if (static_cast<long long>(info.st_size) != file.size) return FileCheck{kSize, method, info.st_size, 0};
-    if (method == kBySize) return FileCheck{kSame, method, info.st_size, 0};
+    FileCheck found{kSame, method, info.st_size, 0};
+    found.modeChanged = file.mode >= 0 && modeDiffers(static_cast<mode_t>(file.mode), info.st_mode);
+    found.ownerChanged = file.ownerRoot && info.st_uid != 0;
+    found.mode = info.st_mode & 07777;
+    found.owner = info.st_uid;
+    // A file named only by the SHA-256 list has no listed size.
+    if (file.size >= 0 && static_cast<long long>(info.st_size) != file.size) {
+        found.drift = kSize;
+        return found;
+    }
+    if (method == kBySize) return found;
     int fd = openat(dirFd, leaf, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return failed(kUnreadable, method, errno);
+    if (fd < 0) {
+        found.drift = kUnreadable;
+        found.error = errno;
+        return found;
+    }
     bool same = false;
     int error = 0;
     if (method == kBySha256) {
@@ -73,8 +87,30 @@ FileCheck checkFileAt(int dirFd, const char* leaf, const ListedFile& file) {
         same = length == file.size && sum == static_cast<uint32_t>(file.checksum);
     }
     close(fd);
-    if (error != 0) return failed(kUnreadable, method, error);
-    return FileCheck{same ? kSame : kContent, method, info.st_size, 0};
+    found.drift = error != 0 ? kUnreadable : same ? kSame : kContent;
+    found.error = error;
+    return found;
+}
+
+FileCheck checkDirectoryAt(int baseFd, const ListedFile& dir) {
+    FileCheck found{kSame, kBySize, 0, 0};
+    int fd = openDirBelow(baseFd, dir.location);
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        if (fd >= 0) close(fd);
+        return found;
+    }
+    close(fd);
+    found.modeChanged = dir.mode >= 0 && modeDiffers(static_cast<mode_t>(dir.mode), info.st_mode);
+    found.ownerChanged = dir.ownerRoot && info.st_uid != 0;
+    found.mode = info.st_mode & 07777;
+    found.owner = info.st_uid;
+    return found;
+}
+
+bool differs(const FileCheck& check) {
+    return check.drift == kMissing || check.drift == kSize || check.drift == kContent || check.modeChanged ||
+           check.ownerChanged;
 }
 
 std::vector<FileCheck> checkFiles(const Installation& inst, const std::vector<const ListedFile*>& files) {

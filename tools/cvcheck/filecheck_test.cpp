@@ -98,3 +98,51 @@ TEST_F(FileCheckTest, UnreachableDirectory) {
         EXPECT_EQ(checkFileAt(-1, "abc", listed(3, 294)).drift, drifts[i]) << errors[i];
     }
 }
+
+// Mode and owner beside the content: a file may differ in both, or in its mode alone.
+TEST_F(FileCheckTest, ModeAndOwner) {
+    ASSERT_EQ(chmod((root_ + "/abc").c_str(), 0644), 0);
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown((root_ + "/bac").c_str(), 65534, static_cast<gid_t>(-1)), 0);
+    }
+    ListedFile executable = listed(3, 294);
+    executable.mode = 0755;
+    FileCheck lostExec = checkFileAt(fd_, "abc", executable);
+    EXPECT_EQ(lostExec.drift, kSame);
+    EXPECT_TRUE(lostExec.modeChanged);
+    EXPECT_EQ(lostExec.mode, 0644u);
+    EXPECT_TRUE(differs(lostExec));
+    ListedFile plain = listed(3, 295);
+    plain.mode = 0644;
+    FileCheck contentOnly = checkFileAt(fd_, "abc", plain);
+    EXPECT_FALSE(contentOnly.modeChanged);
+    EXPECT_EQ(contentOnly.drift, kContent);
+    ListedFile rootsFile = listed(3, 294);
+    rootsFile.location = rootsFile.name = "bac";
+    rootsFile.ownerRoot = true;
+    if (geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+    FileCheck givenAway = checkFileAt(fd_, "bac", rootsFile);
+    EXPECT_TRUE(givenAway.ownerChanged);
+    EXPECT_EQ(givenAway.owner, 65534u);
+    EXPECT_FALSE(checkFileAt(fd_, "abc", rootsFile).ownerChanged);
+}
+
+// A file named only by the SHA-256 list has no size to compare.
+TEST_F(FileCheckTest, DigestAlone) {
+    EXPECT_EQ(checkFileAt(fd_, "abc", listed(-1, 0, kAbc)).drift, kSame);
+    EXPECT_EQ(checkFileAt(fd_, "bac", listed(-1, 0, kAbc)).drift, kContent);
+}
+
+// A directory's mode: one that others may write differs; one that is gone is left to its files.
+TEST_F(FileCheckTest, DirectoryMode) {
+    ASSERT_EQ(chmod((root_ + "/sub").c_str(), 0777), 0);
+    ListedFile dir{"sub", kBaseInstall, "sub", -1, 0, false, "", kMadeNone, false};
+    dir.mode = 0755;
+    FileCheck opened = checkDirectoryAt(fd_, dir);
+    EXPECT_TRUE(opened.modeChanged);
+    EXPECT_EQ(opened.mode, 0777u);
+    dir.location = "gone";
+    EXPECT_FALSE(differs(checkDirectoryAt(fd_, dir)));
+    dir.location = "linkdir";  // a link is not followed to the directory behind it
+    EXPECT_FALSE(checkDirectoryAt(fd_, dir).modeChanged);
+}

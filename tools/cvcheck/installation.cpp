@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +22,8 @@
 #include "installer/state.h"
 #include "installer/verify.h"
 #include "tools/cvcheck/safedir.h"
+#include "installer/maderecord.h"
+#include "tools/common/modelist.h"
 #include "tools/common/sha256list.h"
 
 namespace {
@@ -46,6 +49,11 @@ std::string newestDatedList(int dirFd) {
     }
     closedir(dir);
     return newest;
+}
+
+bool regularFileAt(int dirFd, const char* name) {
+    struct stat info;
+    return dirFd >= 0 && fstatat(dirFd, name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode);
 }
 
 // The whole of a regular file in the directory; 0, or -1 with errno set.
@@ -83,7 +91,8 @@ void placeListed(bool plugin, ListedFile* file) {
 int locate(Installation* inst, std::string* why) {
     const std::string coreBelowRoot = "eclipse/" + versionedName(kPluginDirs[1]);
     inst->listName = newestDatedList(inst->dirFd);
-    if (!inst->listName.empty()) {
+    inst->unfinished = regularFileAt(inst->dirFd, kFileListName);
+    if (!inst->listName.empty() || inst->unfinished) {
         inst->install = inst->dir;
         inst->installFd = openDirBelow(inst->dirFd, "");
         // A core plug-in directory: <root>/eclipse/plugins/com.corvane.core_10.0.0/.
@@ -96,7 +105,8 @@ int locate(Installation* inst, std::string* why) {
     } else {
         int core = openDirBelow(inst->dirFd, coreBelowRoot);
         std::string list = core >= 0 ? newestDatedList(core) : "";
-        if (list.empty()) {
+        inst->unfinished = regularFileAt(core, kFileListName);
+        if (list.empty() && !inst->unfinished) {
             if (core >= 0) close(core);
             *why = "no dated file list (" + std::string(kFileListName) + ".YYYYMMDDhhmmss) in " + inst->dir +
                    ": no installation there, or one that was never verified";
@@ -126,10 +136,13 @@ int readFileList(Installation* inst, std::string* why) {
         if (fd >= 0) close(fd);
         return 1;
     }
+    struct stat info;
+    inst->rootInstallation = fstat(fd, &info) == 0 && info.st_uid == 0;
     char line[kListLineSize];
     ListRecord record;
     while (readListRecord(list, line, &record) > 0) {
         if (record.path[0] == '\0') continue;
+        if (record.size != 0 || record.checksum != 0) inst->listRecords++;
         if (listNameLeavesDir(record.path)) {
             *why = inst->listName + " names '" + record.path + "', which has a '..' component";
             fclose(list);
@@ -165,9 +178,78 @@ int readDigests(Installation* inst, std::string* why) {
         if (found == byName.end()) continue;
         file.hasDigest = true;
         memcpy(file.digest, found->second->hex, kSha256HexSize);
+        byName.erase(found);
+    }
+    // A file that the SHA-256 list names and the file list does not (an emptied or damaged file
+    // list) is checked by its digest alone, in the SHA-256 list's order.
+    for (const Sha256Entry& entry : entries) {
+        if (byName.count(entry.name) == 0) continue;
+        if (listNameLeavesDir(entry.name.c_str())) {
+            *why = std::string(kSha256ListName) + " names '" + entry.name + "', which has a '..' component";
+            return 1;
+        }
+        ListedFile file{entry.name, kBaseInstall, "", -1, 0, true, "", kMadeNone, false};
+        memcpy(file.digest, entry.hex, kSha256HexSize);
+        placeListed(inst->plugin, &file);
+        inst->files.push_back(file);
     }
     inst->sha256List = true;
     return 0;
+}
+
+int readModes(Installation* inst, std::string* why) {
+    std::string text;
+    if (readWhole(inst->installFd, kModeListName, &text) != 0) {
+        if (errno == ENOENT) return 0;
+        *why = "cannot read " + inst->install + kModeListName + ": " + strerror(errno);
+        return 1;
+    }
+    std::vector<ModeEntry> entries;
+    size_t bad = parseModeList(text, &entries);
+    if (bad != 0) {
+        *why = inst->install + kModeListName + " line " + std::to_string(bad) +
+               " is not a mode line; remove the file to check without modes";
+        return 1;
+    }
+    std::unordered_map<std::string, const ModeEntry*> byName;
+    for (const ModeEntry& entry : entries) byName[entry.name] = &entry;
+    for (ListedFile& file : inst->files) {
+        auto found = byName.find(file.name);
+        if (found == byName.end()) continue;
+        file.mode = static_cast<int>(found->second->mode);
+        file.ownerRoot = found->second->rootOwned && inst->rootInstallation;
+    }
+    for (const ModeEntry& entry : entries) {
+        if (entry.name.size() < 2 || entry.name.back() != '/') continue;
+        ListedFile dir{entry.name.substr(0, entry.name.size() - 1),
+                       kBaseInstall,
+                       "",
+                       -1,
+                       0,
+                       false,
+                       "",
+                       kMadeNone,
+                       false};
+        dir.mode = static_cast<int>(entry.mode);
+        dir.ownerRoot = entry.rootOwned && inst->rootInstallation;
+        placeListed(inst->plugin, &dir);
+        if (!listNameLeavesDir(dir.name.c_str())) inst->dirs.push_back(dir);
+    }
+    inst->modeList = true;
+    return 0;
+}
+
+// The record of what the installation made, one name a line; none is fine (an older installer).
+void readMade(Installation* inst) {
+    std::string text;
+    if (readWhole(inst->installFd, kMadeRecordName, &text) != 0) return;
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::string name = text.substr(start, end - start);
+        if (!name.empty() && !listNameLeavesDir(name.c_str())) inst->made.insert(name);
+        start = end + 1;
+    }
 }
 
 // The installation's own kinds, and files placed on the same location by a later one.
@@ -192,7 +274,7 @@ std::string versionedName(const char* name) {
     return text;
 }
 
-int openInstallation(const char* dir, Installation* inst, std::string* why) {
+int openInstallation(const char* dir, Installation* inst, std::string* why, bool packageList) {
     char resolved[PATH_MAX];
     if (realpath(dir, resolved) == nullptr) {
         *why = std::string("cannot open ") + dir + ": " + strerror(errno);
@@ -205,7 +287,20 @@ int openInstallation(const char* dir, Installation* inst, std::string* why) {
         *why = "cannot read the directory " + inst->dir + ": " + strerror(errno);
         return 1;
     }
-    if (locate(inst, why) != 0 || readFileList(inst, why) != 0 || readDigests(inst, why) != 0) return 1;
+    if (locate(inst, why) != 0) return 1;
+    if (inst->unfinished && !packageList) {
+        *why = "the installation into " + inst->install + " was never verified: " + kFileListName +
+               ", the package's own list, is still there (the installer renames it once it has checked "
+               "the unpacked files)";
+        return 1;
+    }
+    if (packageList && !inst->unfinished) {
+        *why = inst->install + " holds no unfinished installation (no " + kFileListName + " there)";
+        return 1;
+    }
+    if (packageList) inst->listName = kFileListName;
+    if (readFileList(inst, why) != 0 || readDigests(inst, why) != 0 || readModes(inst, why) != 0) return 1;
+    readMade(inst);
     classify(inst);
     return 0;
 }
@@ -215,6 +310,21 @@ void closeInstallation(Installation* inst) {
         if (*fd >= 0) close(*fd);
         *fd = -1;
     }
+}
+
+std::string runningInstallation(const Installation& inst) {
+    if (inst.installFd < 0 || flock(inst.installFd, LOCK_SH | LOCK_NB) == 0) {
+        if (inst.installFd >= 0) flock(inst.installFd, LOCK_UN);
+        return "";
+    }
+    return errno == EWOULDBLOCK
+               ? "an installation into " + inst.install + " is running (it holds the directory's lock)"
+               : "";
+}
+
+std::string unfinishedAdvice(const Installation& inst) {
+    return "run the installer again into " + inst.install +
+           ", or take off what it unpacked with: cvcheck remove " + inst.install + " --unfinished";
 }
 
 int baseFd(const Installation& inst, FileBase base) {

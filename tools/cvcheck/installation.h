@@ -3,6 +3,7 @@
 #pragma once
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "tools/cvcheck/madefiles.h"
@@ -16,12 +17,14 @@ struct ListedFile {
     std::string name;      // as listed
     FileBase base;         // where the installation put it
     std::string location;  // relative to that directory
-    int32_t size;          // as the installer reads the list
+    int32_t size;          // as the installer reads the list; -1: named only by the SHA-256 list
     int32_t checksum;      // byte sum, 0: not checked
     bool hasDigest;        // named in the SHA-256 list
     char digest[kSha256HexSize];
-    MadeKind made;    // the installation's own kind of the location (kMadeNone for most)
-    bool superseded;  // a later listed file was placed on the same location
+    MadeKind made;           // the installation's own kind of the location (kMadeNone for most)
+    bool superseded;         // a later listed file was placed on the same location
+    int mode = -1;           // permission bits from the mode list; -1: not listed there
+    bool ownerRoot = false;  // a root installation, and the mode list says the file is root's
 };
 
 struct Installation {
@@ -34,15 +37,33 @@ struct Installation {
     std::string listName;    // the newest dated list, in the installation directory
     std::string listSha256;  // its SHA-256: the same release has the same list
     bool sha256List = false;
+    bool modeList = false;
+    bool rootInstallation = false;  // the list belongs to root: the installer ran as root
+    // The package's own list (distribfilelist) is still there: the installation never got as far
+    // as its verification (killed while unpacking, or installed with -s).
+    bool unfinished = false;
+    size_t listRecords = 0;  // records of the list with something to check
     std::vector<ListedFile> files;
+    // The package's directories that the mode list names (name and location without the "/").
+    std::vector<ListedFile> dirs;
+    // What the installation recorded as made while installing (the product's own files such as
+    // the macro translator's log), relative to the installation directory; directories end in "/".
+    std::unordered_set<std::string> made;
 };
 
 // The name a plug-in directory of the package (installer/eclipse.h) has after the layout step.
 std::string versionedName(const char* name);
 // Opens the installation in dir (an installation directory, or a plug-in root or its core
-// plug-in directory) and reads its lists. 0, or 1 with the reason in *why.
-int openInstallation(const char* dir, Installation* installation, std::string* why);
+// plug-in directory) and reads its lists. An unfinished installation is refused (with
+// installation->unfinished set) unless packageList asks to go by the package's own list; with
+// packageList a finished one is refused. 0, or 1 with the reason in *why.
+int openInstallation(const char* dir, Installation* installation, std::string* why, bool packageList = false);
 void closeInstallation(Installation* installation);
+// "" when no installer holds the installation directory's lock (installer/instlock.h), else the
+// reason to give: an unfinished installation may be one that is still running.
+std::string runningInstallation(const Installation& installation);
+// What to do about an unfinished installation: finish it, or remove it by the package's own list.
+std::string unfinishedAdvice(const Installation& installation);
 // Descriptor and path of the directory a base stands for.
 int baseFd(const Installation& installation, FileBase base);
 const std::string& basePath(const Installation& installation, FileBase base);

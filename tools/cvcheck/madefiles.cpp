@@ -5,6 +5,8 @@
 
 #include "installer/miscfiles.h"
 #include "installer/verify.h"
+#include "installer/maderecord.h"
+#include "tools/common/modelist.h"
 #include "tools/common/sha256list.h"
 
 namespace {
@@ -35,7 +37,9 @@ MadeKind madeKind(const std::string& path, const std::unordered_set<std::string>
     if (path == "$alias.crv") return kMadeShippedAlias;
     if (path == "rescue.stu") return kMadeRescue;
     if (path == "uproject.crv") return kMadeProject;
-    if (path == kSha256ListName || isDatedList(path)) return kMadeList;
+    if (path == kSha256ListName || path == kModeListName || path == kMadeRecordName ||
+        path == kFileListName || isDatedList(path))
+        return kMadeList;
     if (startsWith(path, "tagfiles/")) return kMadeTagFile;
     if (startsWith(path, "old/")) return kMadeBackup;
     // Compilation writes NAME.ex beside every source it compiles, in the macros directory itself.

@@ -14,7 +14,7 @@ enum MadeKind {
     kMadeProject,       // uproject.crv, made empty where there is none
     kMadeMacro,         // macros/NAME.ex, compiled from a listed macros/NAME.e
     kMadeTagFile,       // below tagfiles/, written by the editor's first start
-    kMadeList,          // the dated file lists and the SHA-256 list
+    kMadeList,          // the file lists, the SHA-256 and mode lists, the record of what was made
     kMadeBackup,        // below old/, the backups of old configuration
 };
 

@@ -25,8 +25,10 @@ TEST(MadeFiles, KindsByName) {
                 {"distribfilelist.20240131235959", kMadeList},
                 {"distribfilelist.2024013123595", kMadeNone},
                 {"distribfilelist.2024013123595x", kMadeNone},
-                {"distribfilelist", kMadeNone},
-                {"distribsha256", kMadeList}};
+                {"distribfilelist", kMadeList},  // the package's own list, left by an unfinished installation
+                {"distribsha256", kMadeList},
+                {"distribmodes", kMadeList},
+                {"distribmade", kMadeList}};
     for (const auto& row : rows) EXPECT_EQ(madeKind(row.path, listed), row.kind) << row.path;
 }
 

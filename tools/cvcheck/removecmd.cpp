@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,7 +29,7 @@
 
 namespace {
 
-enum Verdict { kRemove, kKeepChanged, kKeepUnknown, kKeepBackup, kKeepList, kRemoveList };
+enum Verdict { kRemove, kKeepChanged, kKeepUnknown, kKeepBackup, kKeepList, kRemoveList, kKeepMade };
 
 struct Remover {
     const RemoveOptions* options = nullptr;
@@ -36,6 +37,9 @@ struct Remover {
     std::string installPrefix;  // the installation directory, relative to the directory given
     std::unordered_map<std::string, const ListedFile*> bySpot;  // listed files by place (relative to it)
     std::unordered_set<std::string> listedInstall;  // their places relative to the installation directory
+    // The directories that the lists name or imply (relative to the directory given, ending in "/"):
+    // only these are removed when empty. "" is the directory given.
+    std::unordered_set<std::string> implied;
     dev_t device = 0;
     std::unordered_map<std::string, Verdict> verdicts;  // of the files, by place
     bool act = false;                                   // false while deciding, true while acting
@@ -75,12 +79,19 @@ bool holds(int dirFd, const std::string& leaf, const std::string& expected) {
     return n == static_cast<ssize_t>(expected.size()) && text.compare(0, expected.size(), expected) == 0;
 }
 
+// The verdict on the installation's own file without purge; with purge it goes whatever became of it.
+Verdict purged(bool purge, Verdict verdict) {
+    return purge ? kRemove : verdict;
+}
+
 Verdict decide(const Remover& r, int dirFd, const std::string& leaf, const std::string& spot,
                const struct stat& info) {
-    if (r.options->purge) return kRemove;
     bool inInstall = spot.compare(0, r.installPrefix.size(), r.installPrefix) == 0;
     std::string place = inInstall ? spot.substr(r.installPrefix.size()) : "";
-    switch (inInstall ? madeKind(place, r.listedInstall) : kMadeNone) {
+    MadeKind kind = inInstall ? madeKind(place, r.listedInstall) : kMadeNone;
+    if (r.options->purge && kind != kMadeNone && !(kind == kMadeProject && r.listedInstall.count(place) != 0))
+        return kRemove;
+    switch (kind) {
         case kMadeTagFile:
         case kMadeMacro:
             return kRemove;
@@ -108,8 +119,18 @@ Verdict decide(const Remover& r, int dirFd, const std::string& leaf, const std::
             break;
     }
     auto found = r.bySpot.find(spot);
-    if (found == r.bySpot.end()) return kKeepUnknown;
-    return checkFileAt(dirFd, leaf.c_str(), *found->second).drift == kSame ? kRemove : kKeepChanged;
+    if (found != r.bySpot.end())
+        return purged(r.options->purge, checkFileAt(dirFd, leaf.c_str(), *found->second).drift == kSame
+                                            ? kRemove
+                                            : kKeepChanged);
+    if (inInstall && r.inst->made.count(place) != 0) return purged(r.options->purge, kKeepMade);
+    return kKeepUnknown;
+}
+
+// Adds the directories above a place (relative to the directory given) to the implied ones.
+void imply(Remover* r, const std::string& spot) {
+    for (size_t slash = spot.find('/'); slash != std::string::npos; slash = spot.find('/', slash + 1))
+        r->implied.insert(spot.substr(0, slash + 1));
 }
 
 std::vector<std::string> entriesOf(int dirFd) {
@@ -132,7 +153,8 @@ std::vector<std::string> entriesOf(int dirFd) {
 // "" or ending in "/"). The first walk only decides (r->act false) and keeps the verdicts; the
 // second acts on them. True when nothing is left in the directory (or would be left).
 bool walk(Remover* r, int dirFd, const std::string& spot) {
-    static const char* const kWhy[] = {"", "changed", "unknown", "backup", "the list of the kept files"};
+    static const char* const kWhy[] = {
+        "", "changed", "unknown", "backup", "the list of the kept files", "", "made while installing"};
     bool empty = true;
     for (const std::string& leaf : entriesOf(dirFd)) {
         const std::string path = r->inst->dir + spot + leaf;
@@ -156,7 +178,10 @@ bool walk(Remover* r, int dirFd, const std::string& spot) {
         } else if (child >= 0) {
             bool childEmpty = walk(r, child, spot + leaf + "/");
             close(child);
-            empty = childEmpty && r->act && removeEntry(r, dirFd, leaf, path + "/", true) && empty;
+            // A directory that the lists do not imply was there before (or came from elsewhere).
+            bool ours = r->implied.count(spot + leaf + "/") != 0;
+            if (childEmpty && r->act && !ours) keep(r, path + "/", "not the installation's");
+            empty = childEmpty && r->act && ours && removeEntry(r, dirFd, leaf, path + "/", true) && empty;
         } else if (!r->act) {
             Verdict verdict = decide(*r, dirFd, leaf, spot + leaf, info);
             r->verdicts[spot + leaf] = verdict;
@@ -165,7 +190,7 @@ bool walk(Remover* r, int dirFd, const std::string& spot) {
             auto found = r->verdicts.find(spot + leaf);
             Verdict verdict = found != r->verdicts.end() ? found->second : kKeepUnknown;
             // The lists go with the last kept file: a later --purge still knows the installation.
-            if (verdict == kRemoveList) verdict = r->toKeep == 0 ? kRemove : kKeepList;
+            if (verdict == kRemoveList) verdict = r->toKeep == 0 || r->options->purge ? kRemove : kKeepList;
             if (verdict == kRemove) {
                 empty = removeEntry(r, dirFd, leaf, path, false) && empty;
             } else {
@@ -187,9 +212,19 @@ void eclipseFile(Remover* r, const EclipseFile& file) {
         keep(r, file.path, "not this installation's");
 }
 
-int refuse(const std::string& why) {
+int refuse(const std::string& why, const std::string& advice = "") {
     fprintf(stderr, "cvcheck: refusing to remove: %s\n", why.c_str());
+    if (!advice.empty()) fprintf(stderr, "cvcheck: %s\n", advice.c_str());
     return 2;
+}
+
+// The installer's lock (installer/instlock.h): an exclusive flock on the installation directory,
+// held until the removal ends, so that an installation and a removal never interleave.
+std::string lockInstallation(const Installation& inst) {
+    if (flock(inst.installFd, LOCK_EX | LOCK_NB) == 0) return "";
+    if (errno == EWOULDBLOCK)
+        return "an installation into " + inst.install + " is running (it holds the directory's lock)";
+    return "cannot lock " + inst.install + ": " + strerror(errno);
 }
 
 }  // namespace
@@ -200,9 +235,17 @@ int runRemove(const RemoveOptions& options) {
         return refuse(std::string(options.dir) + " is the root directory");
     Installation inst;
     std::string why;
-    if (openInstallation(options.dir, &inst, &why) != 0) {
+    if (openInstallation(options.dir, &inst, &why, options.unfinished) != 0) {
+        std::string advice, running = inst.unfinished ? runningInstallation(inst) : "";
+        if (inst.unfinished)
+            advice = running.empty() ? unfinishedAdvice(inst) : "try again once it has ended";
         closeInstallation(&inst);
-        return refuse(why);
+        return refuse(running.empty() ? why : running, advice);
+    }
+    why = lockInstallation(inst);
+    if (!why.empty()) {
+        closeInstallation(&inst);
+        return refuse(why, "try again once it has ended");
     }
     EclipseFiles eclipse;
     if (options.eclipse != nullptr && !inst.plugin) why = inst.dir + " is no plug-in installation";
@@ -221,11 +264,18 @@ int runRemove(const RemoveOptions& options) {
         if (file.base == kBaseInstall) r.listedInstall.insert(file.location);
         if (!insideDir(inst, file)) {
             outside++;
-        } else if (!file.superseded) {
-            r.bySpot[file.base == kBaseInstall ? r.installPrefix + file.location
-                                               : "eclipse/" + file.location] = &file;
+            continue;
         }
+        std::string spot =
+            file.base == kBaseInstall ? r.installPrefix + file.location : "eclipse/" + file.location;
+        imply(&r, spot);
+        if (!file.superseded) r.bySpot[spot] = &file;
     }
+    // The installation directory itself, what it recorded as made and the directories the
+    // installer makes (the backups' and the tag files').
+    imply(&r, r.installPrefix);
+    for (const std::string& made : inst.made) imply(&r, r.installPrefix + made);
+    for (const char* dir : {"old/", "tagfiles/"}) imply(&r, r.installPrefix + dir);
     struct stat info;
     fstat(inst.dirFd, &info);
     r.device = info.st_dev;

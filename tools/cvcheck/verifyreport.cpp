@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <nlohmann/json.hpp>
 
 #include "tools/common/sha256list.h"
@@ -17,6 +18,7 @@ using nlohmann::json;
 struct Counts {
     size_t byMethod[3] = {0, 0, 0};
     size_t byDrift[5] = {0, 0, 0, 0, 0};
+    size_t mode = 0, owner = 0, differ = 0, dirsDiffer = 0;
 };
 
 Counts countResults(const VerifyReport& report) {
@@ -24,13 +26,30 @@ Counts countResults(const VerifyReport& report) {
     for (const FileCheck& result : report.results) {
         counts.byMethod[result.method]++;
         counts.byDrift[result.drift]++;
+        counts.mode += result.modeChanged ? 1 : 0;
+        counts.owner += result.ownerChanged ? 1 : 0;
+        counts.differ += differs(result) ? 1 : 0;
+    }
+    for (const FileCheck& result : report.dirResults) {
+        counts.mode += result.modeChanged ? 1 : 0;
+        counts.owner += result.ownerChanged ? 1 : 0;
+        counts.dirsDiffer += differs(result) ? 1 : 0;
     }
     return counts;
 }
 
 size_t differing(const Counts& counts) {
-    return counts.byDrift[kMissing] + counts.byDrift[kSize] + counts.byDrift[kContent];
+    return counts.differ;
 }
+
+std::string octal(unsigned mode) {
+    char text[8];
+    snprintf(text, sizeof(text), "%04o", mode & 07777);
+    return text;
+}
+
+// Each way a file differs, as (kind, detail): its content or size first, then mode and owner.
+std::vector<std::pair<std::string, std::string>> findings(const ListedFile& file, const FileCheck& result);
 
 // Why a file differs, in words.
 std::string detail(const ListedFile& file, const FileCheck& result) {
@@ -48,6 +67,17 @@ std::string detail(const ListedFile& file, const FileCheck& result) {
         default:
             return "";
     }
+}
+
+std::vector<std::pair<std::string, std::string>> findings(const ListedFile& file, const FileCheck& result) {
+    std::vector<std::pair<std::string, std::string>> found;
+    if (result.drift != kSame) found.emplace_back(driftName(result.drift), detail(file, result));
+    if (result.modeChanged)
+        found.emplace_back(
+            "mode", "listed " + octal(static_cast<unsigned>(file.mode)) + ", is " + octal(result.mode));
+    if (result.ownerChanged)
+        found.emplace_back("owner", "listed root, owned by uid " + std::to_string(result.owner));
+    return found;
 }
 
 void putPath(json* record, const std::string& key, const std::string& bytes) {
@@ -70,18 +100,22 @@ void printJson(const json& document) {
 
 int verifyStatus(const VerifyReport& report) {
     Counts counts = countResults(report);
-    if (differing(counts) != 0) return 1;
+    if (differing(counts) != 0 || counts.dirsDiffer != 0) return 1;
     return counts.byDrift[kUnreadable] != 0 ? 2 : 0;
 }
 
 void printVerifyText(const VerifyReport& report) {
     const Installation& inst = *report.installation;
     for (size_t i = 0; i < report.checked.size(); i++) {
-        const FileCheck& result = report.results[i];
-        if (result.drift == kSame) continue;
-        std::string why = detail(*report.checked[i], result);
-        printf("%-10s %s%s\n", driftName(result.drift), installedPath(inst, *report.checked[i]).c_str(),
-               why.empty() ? "" : (" (" + why + ")").c_str());
+        for (const auto& finding : findings(*report.checked[i], report.results[i])) {
+            printf("%-10s %s%s\n", finding.first.c_str(), installedPath(inst, *report.checked[i]).c_str(),
+                   finding.second.empty() ? "" : (" (" + finding.second + ")").c_str());
+        }
+    }
+    for (size_t i = 0; i < inst.dirs.size(); i++) {
+        for (const auto& finding : findings(inst.dirs[i], report.dirResults[i]))
+            printf("%-10s %s/ (%s)\n", finding.first.c_str(), installedPath(inst, inst.dirs[i]).c_str(),
+                   finding.second.c_str());
     }
     Counts counts = countResults(report);
     printf("cvcheck: %zu of %zu checked files differ in %s (", differing(counts), report.checked.size(),
@@ -97,7 +131,25 @@ void printVerifyText(const VerifyReport& report) {
     if (report.leftOut != 0) printf("; %zu that the installation changes itself left out", report.leftOut);
     printf(")");
     if (counts.byDrift[kUnreadable] != 0) printf(", %zu could not be read", counts.byDrift[kUnreadable]);
+    if (counts.dirsDiffer != 0)
+        printf(", and %zu of %zu directories differ", counts.dirsDiffer, inst.dirs.size());
     printf("\n");
+    std::string advice = verifyAdvice(report);
+    if (!advice.empty()) printf("cvcheck: %s\n", advice.c_str());
+}
+
+std::string verifyAdvice(const VerifyReport& report) {
+    const std::string& dir = report.installation->dir;
+    switch (verifyStatus(report)) {
+        case 1:
+            return "to put the files back, install the release again into " + dir +
+                   "; to take the installation off, run: cvcheck remove " + dir;
+        case 2:
+            return "run cvcheck as a user who may read every installed file (root, for an installation by "
+                   "root)";
+        default:
+            return "";
+    }
 }
 
 void printVerifyJson(const VerifyReport& report) {
@@ -107,16 +159,37 @@ void printVerifyJson(const VerifyReport& report) {
     for (size_t i = 0; i < report.checked.size(); i++) {
         const ListedFile& file = *report.checked[i];
         const FileCheck& result = report.results[i];
-        if (result.drift == kSame) continue;
-        json record = json::object();
-        putPath(&record, "path", file.name);
-        putPath(&record, "file", installedPath(inst, file));
-        record["kind"] = driftName(result.drift);
-        record["check"] = methodName(result.method);
-        record["detail"] = detail(file, result);
-        record["expected_size"] = file.size;
-        if (result.drift == kSize) record["actual_size"] = result.actualSize;
-        files.push_back(record);
+        for (const auto& finding : findings(file, result)) {
+            json record = json::object();
+            putPath(&record, "path", file.name);
+            putPath(&record, "file", installedPath(inst, file));
+            record["kind"] = finding.first;
+            record["check"] =
+                finding.first == "mode" || finding.first == "owner" ? "modes" : methodName(result.method);
+            record["detail"] = finding.second;
+            if (file.size >= 0) record["expected_size"] = file.size;
+            if (result.drift == kSize && finding.first == "size") record["actual_size"] = result.actualSize;
+            if (finding.first == "mode") record["expected_mode"] = octal(static_cast<unsigned>(file.mode));
+            if (finding.first == "mode") record["actual_mode"] = octal(result.mode);
+            if (finding.first == "owner") record["actual_uid"] = result.owner;
+            files.push_back(record);
+        }
+    }
+    for (size_t i = 0; i < inst.dirs.size(); i++) {
+        for (const auto& finding : findings(inst.dirs[i], report.dirResults[i])) {
+            json record = json::object();
+            putPath(&record, "path", inst.dirs[i].name + "/");
+            putPath(&record, "file", installedPath(inst, inst.dirs[i]) + "/");
+            record["kind"] = finding.first;
+            record["check"] = "modes";
+            record["detail"] = finding.second;
+            record["directory"] = true;
+            if (finding.first == "mode")
+                record["expected_mode"] = octal(static_cast<unsigned>(inst.dirs[i].mode));
+            if (finding.first == "mode") record["actual_mode"] = octal(report.dirResults[i].mode);
+            if (finding.first == "owner") record["actual_uid"] = report.dirResults[i].owner;
+            files.push_back(record);
+        }
     }
     int status = verifyStatus(report);
     json document = json::object();
@@ -140,13 +213,21 @@ void printVerifyJson(const VerifyReport& report) {
                           {"missing", counts.byDrift[kMissing]},
                           {"size", counts.byDrift[kSize]},
                           {"content", counts.byDrift[kContent]},
-                          {"unreadable", counts.byDrift[kUnreadable]}};
+                          {"unreadable", counts.byDrift[kUnreadable]},
+                          {"mode", counts.mode},
+                          {"owner", counts.owner},
+                          {"directories", inst.dirs.size()},
+                          {"directories_differ", counts.dirsDiffer}};
+    document["modes"] = inst.modeList;
     document["files"] = files;
+    std::string advice = verifyAdvice(report);
+    if (!advice.empty()) document["advice"] = advice;
     printJson(document);
 }
 
-void printCannotCheck(const char* dir, const std::string& why, bool json) {
+void printCannotCheck(const char* dir, const std::string& why, const std::string& advice, bool json) {
     fprintf(stderr, "cvcheck: cannot check %s: %s\n", dir, why.c_str());
+    if (!advice.empty()) fprintf(stderr, "cvcheck: %s\n", advice.c_str());
     if (!json) return;
     nlohmann::json document = nlohmann::json::object();
     document["command"] = "verify";
@@ -154,5 +235,6 @@ void printCannotCheck(const char* dir, const std::string& why, bool json) {
     document["status"] = "cannot-check";
     document["exit"] = 2;
     putPath(&document, "reason", why);
+    if (!advice.empty()) document["advice"] = advice;
     printJson(document);
 }

@@ -17,13 +17,14 @@ struct SideFile {
     const char* what;
     mode_t mode;
     bool required;  // a distribution without it is refused unless --allow-incomplete
+    bool program;   // shipped stripped
 };
 const SideFile kSideFiles[] = {
-    {&MkdistOptions::installer, "--installer", "cvinst", "the installer", 0755, true},
-    {&MkdistOptions::messages, "--messages", "cdinst.cvb", "the message file", 0644, true},
-    {&MkdistOptions::license, "--license", "license.txt", "the licence text", 0644, true},
+    {&MkdistOptions::installer, "--installer", "cvinst", "the installer", 0755, true, true},
+    {&MkdistOptions::messages, "--messages", "cdinst.cvb", "the message file", 0644, true, false},
+    {&MkdistOptions::license, "--license", "license.txt", "the licence text", 0644, true, false},
     // The installation checker, by default the one beside cvmkdist.
-    {&MkdistOptions::checker, "--checker", "cvcheck", "the installation checker", 0755, true},
+    {&MkdistOptions::checker, "--checker", "cvcheck", "the installation checker", 0755, true, true},
 };
 
 }  // namespace
@@ -45,7 +46,11 @@ int checkSideFiles(const MkdistOptions& options, std::vector<std::string>* missi
 int copySideFiles(const MkdistOptions& options) {
     for (const SideFile& side : kSideFiles) {
         const std::string& source = options.*(side.source);
-        if (!source.empty() && copyInto(source, options.out + "/" + side.name, side.mode) != 0) return 1;
+        if (source.empty()) continue;
+        std::string target = options.out + "/" + side.name;
+        if ((side.program ? copyStripped(source, target, side.mode) : copyInto(source, target, side.mode)) !=
+            0)
+            return 1;
     }
     return 0;
 }

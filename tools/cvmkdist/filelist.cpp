@@ -55,7 +55,7 @@ std::string buildFileList(const Payload& payload, std::vector<std::string>* prob
     for (const PayloadEntry* file : files) {
         uint64_t size = 0;
         uint32_t sum = 0;
-        std::string why = sizeAndSum(payload.root + "/" + file->path, &size, &sum);
+        std::string why = sizeAndSum(entrySource(payload, *file), &size, &sum);
         if (why.empty() && size > kMaxListedValue)
             why = "larger than 2147483647 bytes; the installer could not verify it";
         if (why.empty() && sum > kMaxListedValue)

@@ -15,12 +15,14 @@
 
 #include "tools/cvmkdist/distdir.h"
 #include "tools/cvmkdist/filelist.h"
+#include "tools/cvmkdist/modes.h"
 #include "tools/cvmkdist/options.h"
 #include "tools/cvmkdist/package.h"
 #include "tools/cvmkdist/payload.h"
 #include "tools/cvmkdist/selfextract.h"
 #include "tools/cvmkdist/sums.h"
 #include "tools/cvmkdist/util.h"
+#include "tools/common/modelist.h"
 #include "tools/common/sha256list.h"
 
 namespace {
@@ -51,9 +53,22 @@ int checkInputs(const MkdistOptions& options, const Payload& payload,
         fprintf(stderr,
                 "cvmkdist: nothing was built (--allow-incomplete builds a test distribution anyway)\n");
         refuse = true;
+    } else if (refuse) {
+        fprintf(stderr, "cvmkdist: nothing was built\n");
     }
     return refuse ? 1 : 0;
 }
+
+// A private directory removed when main returns, however it returns.
+struct WorkDirectory {
+    std::string path;
+    WorkDirectory() = default;
+    WorkDirectory(const WorkDirectory&) = delete;
+    WorkDirectory& operator=(const WorkDirectory&) = delete;
+    ~WorkDirectory() {
+        if (!path.empty()) removeTree(path);
+    }
+};
 
 }  // namespace
 
@@ -69,10 +84,16 @@ int main(int argc, char** argv) {
     if (!S_ISDIR(st.st_mode)) return mkdistFail("payload %s is not a directory", options.payload);
 
     // The files cvmkdist generates into the top of the package; the payload's own are replaced.
-    const std::vector<std::string> generatedNames = {kFileListName, kSha256ListName};
+    const std::vector<std::string> generatedNames = {kFileListName, kSha256ListName, kModeListName};
     Payload payload;
     if (walkPayload(options.payload, generatedNames, &payload) != 0) return 1;
+    WorkDirectory checkerCopy;
+    if (options.checkerInPayload && !options.listOnly &&
+        addCheckerCopy(options.checker, &checkerCopy.path, &payload) != 0)
+        return 1;
     std::vector<std::string> problems = payload.problems;
+    if (!options.allowGroupWrite)
+        problems.insert(problems.end(), payload.groupWritable.begin(), payload.groupWritable.end());
     std::string list = buildFileList(payload, &problems);
     if (options.listOnly) {
         if (!problems.empty())
@@ -89,12 +110,15 @@ int main(int argc, char** argv) {
     warnAboutOtherPackages(options);
     // Beside the file list, the SHA-256 list of the same files, which cvcheck checks with: a
     // byte sum cannot see two bytes that changed places.
-    std::vector<std::string> files;
+    std::vector<std::pair<std::string, std::string>> files;
     for (const PayloadEntry& entry : payload.entries)
-        if (entry.kind == 'f') files.push_back(entry.path);
-    std::string sha256List;
-    if (buildSha256List("cvmkdist", options.payload, files, &sha256List) != 0) return 1;
-    const std::vector<GeneratedMember> generated = {{kFileListName, list}, {kSha256ListName, sha256List}};
+        if (entry.kind == 'f') files.emplace_back(entry.path, entrySource(payload, entry));
+    std::string sha256List, modeList;
+    if (buildSha256ListOf("cvmkdist", files, &sha256List) != 0) return 1;
+    // And the modes, which cvcheck compares as rpm -V does.
+    if (buildModeList(payload, &modeList) != 0) return 1;
+    const std::vector<GeneratedMember> generated = {
+        {kFileListName, list}, {kSha256ListName, sha256List}, {kModeListName, modeList}};
     if (writePackage(payload, generated, epoch, options.out + "/" + options.package) != 0) return 1;
     if (copySideFiles(options) != 0) return 1;
     // Listed last, so that every file put into the directory before is covered.

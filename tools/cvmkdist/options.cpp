@@ -27,32 +27,41 @@ const char kUsage[] =
     "usage: cvmkdist --payload DIR --package NAME --out DISTDIR\n"
     "                --installer FILE --messages FILE --license FILE\n"
     "                [--checker FILE] [--self-extracting FILE] [--allow-incomplete]\n"
-    "       cvmkdist --payload DIR --list-only\n";
+    "                [--allow-group-write]\n"
+    "       cvmkdist --payload DIR [--allow-group-write] --list-only\n";
 
 const char kHelp[] =
     "\n"
     "Builds a Corvane distribution directory DISTDIR from the payload DIR, the editor tree as it\n"
     "will stand in the installation directory: the package NAME (the payload and its file list\n"
-    "distribfilelist and the SHA-256 list distribsha256, gzip-compressed tar), the installer as\n"
+    "distribfilelist, the SHA-256 list distribsha256 and the mode list distribmodes, gzip-compressed\n"
+    "tar), the installer as\n"
     "cvinst, the message file as cdinst.cvb, the licence as license.txt, the installation checker\n"
     "as cvcheck, and SHA256SUMS over all of them.\n"
     "\n"
     "  --package NAME          cvpack, cvpacku or cvpackd (the editor), cvpackep or cvpackepd\n"
     "                          (the Eclipse plug-in)\n"
-    "  --checker FILE          the cvcheck to ship; by default the one beside cvmkdist itself\n"
+    "  --checker FILE          the cvcheck to ship, also packed into the payload as bin/cvcheck so\n"
+    "                          that each installation carries it; by default the one beside\n"
+    "                          cvmkdist itself, shipped beside the package only\n"
     "  --self-extracting FILE  also write FILE, one shell script that checks, unpacks and starts\n"
     "                          the distribution (sh FILE --help), and FILE.sha256\n"
     "  --allow-incomplete      build even where the installer, the message file or the licence\n"
     "                          is not given, or the payload lacks what an installation reads;\n"
     "                          each gap is then a warning (for test distributions)\n"
+    "  --allow-group-write     pack files and directories that their group may write (those\n"
+    "                          that others may write are refused always)\n"
     "  --list-only             print the file list of the payload and build nothing\n"
     "\n"
     "The payload must hold bin/cvtw (the macro translator), $alias.crv, corv.stu and the\n"
     "directories bin and macros, every macro that cmacros.lst names (if there is one), and for the\n"
     "plug-in packages eclipse/features/com.corvane.plugin, eclipse/plugins/com.corvane.core and\n"
     "eclipse/plugins/com.corvane.eclipse.plugin. It must not hold device nodes, FIFOs, sockets or\n"
-    "symbolic links that lead out of it. With SOURCE_DATE_EPOCH set, no member of the package or\n"
-    "of FILE is dated later than it, and the same inputs give the same bytes.\n";
+    "symbolic links that lead out of it, nor files or directories that others (or, without\n"
+    "--allow-group-write, the group) may write: the installation keeps the modes packed. The\n"
+    "installer and the checker are shipped stripped of symbols and debug information. With\n"
+    "SOURCE_DATE_EPOCH set, no member of the package or of FILE is dated later than it, and the\n"
+    "same inputs give the same bytes.\n";
 
 int usageError(const char* format, const std::string& what) {
     fputs(kUsage, stderr);
@@ -70,6 +79,10 @@ int parseMkdistOptions(int argc, char** argv, MkdistOptions* options) {
         }
         if (arg == "--allow-incomplete") {
             options->allowIncomplete = true;
+            continue;
+        }
+        if (arg == "--allow-group-write") {
+            options->allowGroupWrite = true;
             continue;
         }
         if (arg == "-h" || arg == "--help") {
@@ -98,6 +111,7 @@ int parseMkdistOptions(int argc, char** argv, MkdistOptions* options) {
         return mkdistFail(
             "'%s' is not a distribution package name (cvpack, cvpacku, cvpackd, cvpackep, cvpackepd)",
             options->package);
+    options->checkerInPayload = !options->checker.empty();
     if (options->checker.empty()) options->checker = checkerBesideProgram();
     return 0;
 }

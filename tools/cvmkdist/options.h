@@ -6,6 +6,8 @@ struct MkdistOptions {
     std::string payload, package, out, installer, messages, license, checker, selfExtracting;
     bool listOnly = false;
     bool allowIncomplete = false;
+    bool allowGroupWrite = false;   // pack files and directories that their group may write
+    bool checkerInPayload = false;  // --checker given: the checker also goes into the payload
 };
 
 // Fills options from the arguments. Returns 0, 1 after a message on standard error, or 2

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tools/cvmkdist/modes.h"
 #include "tools/cvmkdist/util.h"
 
 namespace {
@@ -35,6 +36,24 @@ int stageGenerated(const std::string& staging, const std::vector<GeneratedMember
         if (writeWholeFile(file, member.content, 0644) != 0) return 1;
         struct timespec times[2] = {stamp, stamp};
         if (utimensat(AT_FDCWD, file.c_str(), times, 0) != 0)
+            return mkdistFail("cannot set the time of %s", file, strerror(errno));
+    }
+    return 0;
+}
+
+// Files added to the payload from elsewhere (the checker) go into the staged tree with the
+// payload's newest time, so that the same inputs still give the same package.
+int stageAdded(const Payload& payload, const std::string& staging, mode_t mode) {
+    for (const PayloadEntry& entry : payload.entries) {
+        if (entry.source.empty()) continue;
+        std::string file = staging + "/" + entry.path, dir = dirName(file);
+        struct stat before;  // the directory keeps its time from the payload
+        if (stat(dir.c_str(), &before) != 0) return mkdistFail("cannot read %s", dir, strerror(errno));
+        if (copyInto(entry.source, file, mode) != 0) return 1;
+        struct timespec times[2] = {payload.newest, payload.newest},
+                        dirTimes[2] = {before.st_atim, before.st_mtim};
+        if (utimensat(AT_FDCWD, file.c_str(), times, 0) != 0 ||
+            utimensat(AT_FDCWD, dir.c_str(), dirTimes, 0) != 0)
             return mkdistFail("cannot set the time of %s", file, strerror(errno));
     }
     return 0;
@@ -74,6 +93,7 @@ int writePackage(const Payload& payload, const std::vector<GeneratedMember>& gen
     if (mkdir(staging.c_str(), 0755) != 0) {
         mkdistFail("cannot create %s", staging, strerror(errno));
     } else if (runProgram({"cp", "-pPR", payload.root + "/.", staging}) == 0 &&
+               stageAdded(payload, staging, kAddedFileMode) == 0 &&
                stageGenerated(staging, generated, payload.newest) == 0 &&
                writeWholeFile(members, memberList(payload, generated), 0600) == 0 &&
                compressInto(tar, partial) == 0 && chmod(partial.c_str(), 0644) == 0) {

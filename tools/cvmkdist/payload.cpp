@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <iterator>
@@ -130,6 +131,25 @@ void checkMacroList(const Payload& payload, const EntryMap& byPath, std::vector<
     }
 }
 
+std::string modeText(mode_t mode) {
+    char text[8];
+    snprintf(text, sizeof(text), "%04o", (unsigned)(mode & 07777));
+    return text;
+}
+
+// A file or directory that another user may write stays so in the installation (tar keeps the
+// modes it packed): anyone could then change the editor that everybody runs, or put files into
+// its directories. A link's own mode means nothing and is not looked at.
+void checkWritable(const std::string& rel, char kind, mode_t mode, Payload* payload) {
+    if (kind == 'l' || (mode & (S_IWGRP | S_IWOTH)) == 0) return;
+    std::string what = rel + (kind == 'd' ? ": a directory" : ": a file");
+    if (mode & S_IWOTH)
+        payload->problems.push_back(what + " writable by others (mode " + modeText(mode) + ")");
+    else
+        payload->groupWritable.push_back(what + " writable by its group (mode " + modeText(mode) +
+                                         "; --allow-group-write packs it)");
+}
+
 int walkDirectory(const std::string& relative, const std::vector<std::string>& reserved, Payload* payload) {
     std::string dirPath = relative.empty() ? payload->root : payload->root + "/" + relative;
     DIR* dir = opendir(dirPath.c_str());
@@ -179,6 +199,7 @@ int walkDirectory(const std::string& relative, const std::vector<std::string>& r
             payload->problems.push_back(rel + ": " + what);
             continue;
         }
+        checkWritable(rel, item.kind, st.st_mode, payload);
         payload->entries.push_back(item);
         if (item.kind == 'd' && walkDirectory(rel, reserved, payload) != 0) return 1;
     }

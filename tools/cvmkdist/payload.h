@@ -9,9 +9,10 @@
 #include <vector>
 
 struct PayloadEntry {
-    std::string path;    // relative to the payload root, no leading "/"
-    char kind;           // 'd' directory, 'f' regular file, 'l' symbolic link
-    std::string target;  // a link's target, as stored
+    std::string path;      // relative to the payload root, no leading "/"
+    char kind;             // 'd' directory, 'f' regular file, 'l' symbolic link
+    std::string target;    // a link's target, as stored
+    std::string source{};  // a file added from elsewhere (the checker): where it is; "" below the root
 };
 
 struct Payload {
@@ -19,9 +20,18 @@ struct Payload {
     std::vector<PayloadEntry> entries;  // depth first, names sorted
     struct timespec newest = {0, 0};    // newest modification time of any entry
     // One text for each entry that a package must not carry: device nodes, FIFOs, sockets,
-    // symbolic links that lead out of the payload, names with line breaks.
+    // symbolic links that lead out of the payload, names with line breaks, files and directories
+    // that others may write.
     std::vector<std::string> problems;
+    // The same for files and directories that their group may write: refused unless the release
+    // engineer says that the group is meant to (--allow-group-write).
+    std::vector<std::string> groupWritable;
 };
+
+// Where an entry's bytes are: below the payload root, or the file it was added from.
+inline std::string entrySource(const Payload& payload, const PayloadEntry& entry) {
+    return entry.source.empty() ? payload.root + "/" + entry.path : entry.source;
+}
 
 // Reads the tree below root. Top-level names in reserved are left out with a warning: the
 // builder generates those files itself. Returns 1 only when the tree cannot be read.

@@ -16,27 +16,54 @@
 
 #include "tools/cvmkdist/sums.h"
 #include "tools/cvmkdist/util.h"
+#include "installer/state.h"
 #include "tools/common/sha256.h"
 
 namespace {
 
-int replaceOnce(std::string* text, const std::string& placeholder, const std::string& value) {
-    size_t at = text->find(placeholder);
-    if (at == std::string::npos || text->find(placeholder, at + 1) != std::string::npos)
-        return mkdistFail("the built-in script holds %s not exactly once", placeholder);
-    text->replace(at, placeholder.size(), value);
+// The first line's size check holds the file's size twice, as a number so that shellcheck can
+// check the comparison: this one, which nothing else in the script holds.
+const char kFileBytesPlaceholder[] = "9999999999999999";
+
+int replaceEvery(std::string* text, const std::string& placeholder, const std::string& value, int times) {
+    int found = 0;
+    for (size_t at = 0; (at = text->find(placeholder, at)) != std::string::npos; at += value.size()) {
+        text->replace(at, placeholder.size(), value);
+        found++;
+    }
+    if (found != times)
+        return mkdistFail("the built-in script does not hold %s as often as it should", placeholder);
     return 0;
+}
+
+// The package the distribution directory holds, named in the file's --info.
+std::string packageOf(const std::string& members) {
+    for (size_t at = 0; at < members.size(); at = members.find('\0', at) + 1) {
+        std::string name = members.substr(at, members.find('\0', at) - at);
+        for (const char* package : {"cvpack", "cvpacku", "cvpackd", "cvpackep", "cvpackepd"})
+            if (name == package) return name;
+    }
+    return "none";
+}
+
+// The version of Corvane that the installer's banner shows.
+std::string productVersion() {
+    resetInstallState();
+    return gState.productVersion;
 }
 
 // The script with its values. The header's own size is one of them, so it is filled in until
 // the size it states is the size it has (the number's digits settle after a round or two).
-int fillScript(const char* sha256, uint64_t archiveBytes, std::string* header) {
+int fillScript(const char* sha256, uint64_t archiveBytes, const std::string& package, std::string* header) {
     uint64_t headerBytes = 0;
     for (int round = 0; round < 8; round++) {
         std::string text = kSelfExtractScript;
-        if (replaceOnce(&text, "@ARCHIVE_SHA256@", sha256) != 0 ||
-            replaceOnce(&text, "@ARCHIVE_BYTES@", std::to_string(archiveBytes)) != 0 ||
-            replaceOnce(&text, "@HEADER_BYTES@", std::to_string(headerBytes)) != 0)
+        if (replaceEvery(&text, kFileBytesPlaceholder, std::to_string(headerBytes + archiveBytes), 2) != 0 ||
+            replaceEvery(&text, "@ARCHIVE_SHA256@", sha256, 1) != 0 ||
+            replaceEvery(&text, "@ARCHIVE_BYTES@", std::to_string(archiveBytes), 1) != 0 ||
+            replaceEvery(&text, "@HEADER_BYTES@", std::to_string(headerBytes), 1) != 0 ||
+            replaceEvery(&text, "@VERSION@", productVersion(), 1) != 0 ||
+            replaceEvery(&text, "@PACKAGE@", package, 1) != 0)
             return 1;
         if (text.size() == headerBytes) {
             *header = text;
@@ -80,13 +107,13 @@ int copyRest(int from, int to, const std::string& file) {
 }
 
 // Writes the header and the archive into partial.
-int assemble(int archive, const std::string& partial) {
+int assemble(int archive, const std::string& package, const std::string& partial) {
     char hex[kSha256HexSize];
     struct stat st;
     if (lseek(archive, 0, SEEK_SET) != 0 || sha256Descriptor(archive, hex) != 0 || fstat(archive, &st) != 0)
         return mkdistFail("cannot read the archive for %s", partial, strerror(errno));
     std::string header;
-    if (fillScript(hex, (uint64_t)st.st_size, &header) != 0) return 1;
+    if (fillScript(hex, (uint64_t)st.st_size, package, &header) != 0) return 1;
     int out = open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
     if (out < 0) return mkdistFail("cannot create %s", partial, strerror(errno));
     int result = write(out, header.data(), header.size()) == (ssize_t)header.size() ? 0 : 1;
@@ -122,8 +149,9 @@ int writeSelfExtracting(const std::string& distDir, const std::string& file, lon
     if (archive < 0) {
         mkdistFail("cannot create %s", archivePath, strerror(errno));
     } else {
-        if (writeWholeFile(members, memberList(distDir), 0600) == 0 && runProgram(tar, archive) == 0 &&
-            assemble(archive, partial) == 0) {
+        std::string names = memberList(distDir);
+        if (writeWholeFile(members, names, 0600) == 0 && runProgram(tar, archive) == 0 &&
+            assemble(archive, packageOf(names), partial) == 0) {
             if (rename(partial.c_str(), file.c_str()) == 0)
                 result = writeSha256Beside(file);
             else

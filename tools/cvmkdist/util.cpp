@@ -95,6 +95,24 @@ int copyInto(const std::string& source, const std::string& target, mode_t mode) 
     return writeWholeFile(target, content, mode);
 }
 
+int copyStripped(const std::string& source, const std::string& target, mode_t mode) {
+    if (copyInto(source, target, mode) != 0) return 1;
+    char magic[4] = {0, 0, 0, 0};
+    int fd = open(target.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return mkdistFail("cannot open %s", target, strerror(errno));
+    ssize_t n = read(fd, magic, sizeof(magic));
+    close(fd);
+    if (n != (ssize_t)sizeof(magic) || memcmp(magic,
+                                              "\x7f"
+                                              "ELF",
+                                              sizeof(magic)) != 0)
+        return 0;
+    if (runProgram({"strip", "--strip-all", target}) != 0) return mkdistFail("cannot strip %s", target);
+    if (chmod(target.c_str(), mode) != 0)
+        return mkdistFail("cannot set the mode of %s", target, strerror(errno));
+    return 0;
+}
+
 int makeDirectoryTree(const std::string& dir) {
     struct stat st;
     if (stat(dir.c_str(), &st) == 0) {

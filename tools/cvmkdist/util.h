@@ -20,6 +20,10 @@ int readWholeFile(const std::string& file, std::string* content);
 int writeWholeFile(const std::string& file, const std::string& content, mode_t mode);
 // Copies a regular file's contents to target with the mode given.
 int copyInto(const std::string& source, const std::string& target, mode_t mode);
+// The same for a program that a distribution ships: an ELF file loses its symbol table and debug
+// information (strip --strip-all), which the user never needs and which hold the build's paths;
+// anything else (a script) is copied as it is.
+int copyStripped(const std::string& source, const std::string& target, mode_t mode);
 int makeDirectoryTree(const std::string& dir);
 void removeTree(const std::string& dir);
 // A new private directory under TMPDIR (default /tmp) for intermediate files.
