@@ -228,7 +228,7 @@ check "r8b absent again: unchanged" [ "$(recap r8b h1)" = "0 0" ]
 mkdir -m 0777 "$t/shared"
 mkdir "$t/theirs" && chown 65534:65534 "$t/theirs"
 small=yes
-mkdir "$t/small" && mount -t tmpfs -o size=1m cvfleet-small "$t/small" 2>/dev/null || small=
+mkdir "$t/small" && mount -t tmpfs -o size=128k cvfleet-small "$t/small" 2>/dev/null || small=
 inventory "$t/hosts-bases" h1 "corvane_work_dir=$t/shared/w" h2 "corvane_work_dir=$t/theirs" h3 "corvane_work_dir=$t/small/w"
 play rw hosts-bases "${yes[@]}"
 check "rw h1 refused" failed rw h1

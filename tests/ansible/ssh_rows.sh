@@ -69,7 +69,7 @@ else
   ssh_play s3 -e corvane_state=verified
   for h in s1 s2; do
     check "s3 $h passes" [ "$(recap s3 $h)" = "0 0" ]
-    check "s3 $h says so" has s3 "Corvane in $t/$h/corvane on $h is as installed: 15 files checked (sha256)"
+    check "s3 $h says so" has s3 "Corvane in $t/$h/corvane on $h is as installed: 16 files checked (sha256)"
   done
 
   ssh_play s4 -e corvane_state=absent -e corvane_purge=true --diff

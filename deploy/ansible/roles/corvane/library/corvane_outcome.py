@@ -58,7 +58,7 @@ RETURN = r'''
 msg:
   description: >-
     The host's outcome, for example "installed release corvane-10.0 in /opt/corvane on ws01
-    (was: none); 15 files verified".
+    (was: none); 16 files verified".
   returned: with step=report
   type: raw
 diff:
