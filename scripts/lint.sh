@@ -4,7 +4,8 @@
 #  2. every tracked C/C++ file is formatted as .clang-format says;
 #  3. a clang build (-Wall -Wextra -Wcomma) has no warning (-Werror);
 #  4. clang-tidy, with the checks of .clang-tidy, finds nothing over that build's compile database;
-#  5. shellcheck finds nothing in the header script of the self-extracting file (POSIX sh).
+#  5. shellcheck finds nothing in the header script of the self-extracting file (POSIX sh);
+#  6. ansible-lint (strict: warnings count) finds nothing in the Ansible role, no rule skipped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -28,4 +29,10 @@ echo "no findings"
 
 echo "== shellcheck"
 shellcheck -s sh tools/cvmkdist/selfextract.sh
+echo "no findings"
+
+echo "== ansible-lint"
+(cd deploy/ansible && ansible-lint --strict --offline -q)
+# and ansible-doc renders each action plugin's documentation
+ansible-doc -M deploy/ansible/roles/corvane/library corvane_release corvane_ship corvane_outcome >/dev/null
 echo "no findings"

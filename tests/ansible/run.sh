@@ -10,12 +10,19 @@
 #       reinstalled; h2, forced onto a distribution directory whose package holds a damaged
 #       file, fails with the installer's own messages after backing up its configuration;
 #   r5  verified: h1 and h3 pass, h2 (a file changed by hand) fails naming that file;
-#   r6  check mode: h2 would be reinstalled, and nothing changes;
+#   r6  check mode with --diff: h2 would be reinstalled, the diff names its changed file, and
+#       nothing changes;
 #   r7  absent in check mode removes nothing; r8 absent with corvane_purge removes all three;
 #   r9  rolling.yml: h1 installs in the first batch, h2's damaged transfer fails the second, and
 #       the rollout stops before h3;
+#   rw  base directories another user could change (mode 0777, owned by uid 65534) are refused
+#       before anything is made in them; one on a full file system says "could not unpack";
+#   rt  a variable of the wrong type is refused by the role's argument spec;
 #   r10 the plug-in package from a distribution directory on h1 with corvane_eclipse_dir; r11 its
-#       removal takes the Eclipse link file too.
+#       removal takes the Eclipse link file too;
+#   r12 an installer that never ends is stopped by corvane_timeout, and the role's files removed;
+#   r13 an installer that says it succeeded but installed nothing: the host fails on cvcheck verify;
+#   s*  the rows over a real OpenSSH server (ssh_rows.sh).
 # Usage: run.sh BUILD_DIR (with dist/, dist-plugin/, eclipse-demo/ and corvane-demo.run built).
 # Exit status 77: ansible-playbook missing.
 set -euo pipefail
@@ -23,7 +30,25 @@ command -v ansible-playbook >/dev/null || { echo "ansible-playbook not found (De
 build=$(cd "$1" && pwd)
 repo=$(cd "$(dirname "$0")/../.." && pwd)
 t=$(mktemp -d)
-trap 'GNUPGHOME=$t/gnupg gpgconf --kill all 2>/dev/null || true; [ -n "${KEEP:-}" ] || rm -rf "$t"' EXIT
+# (others may pass through it: the ssh rows' user has its home below it)
+chmod 0711 "$t"
+source "$repo/tests/ansible/sshd.sh"
+ssh_user=
+cleanup() {
+  GNUPGHOME=$t/gnupg gpgconf --kill all 2>/dev/null || true
+  sshd_stop "$t/sshd"
+  local pid
+  for pid in $(cat "$t/hang.pids" 2>/dev/null); do kill "$pid" 2>/dev/null || true; done
+  if [ -n "$ssh_user" ]; then
+    rm -f "/etc/sudoers.d/$ssh_user"
+    # (its sessions end with the server; give them a moment)
+    for _ in 1 2 3 4 5 6 7 8 9 10; do pgrep -u "$ssh_user" >/dev/null 2>&1 || break; sleep 0.2; done
+    userdel -f "$ssh_user" 2>/dev/null || true
+  fi
+  if mountpoint -q "$t/small"; then umount "$t/small"; fi
+  [ -n "${KEEP:-}" ] || rm -rf "$t"
+}
+trap cleanup EXIT
 # Nothing from the caller's own Ansible set-up or home directory.
 export HOME=$t LC_ALL=C.UTF-8 ANSIBLE_CONFIG=$repo/deploy/ansible/ansible.cfg ANSIBLE_FORKS=3 \
   ANSIBLE_LOCAL_TEMP=$t/.ansible/tmp ANSIBLE_REMOTE_TEMP=$t/.ansible/remote ANSIBLE_HOST_KEY_CHECKING=False \
@@ -50,6 +75,16 @@ echo '/* damaged */' >>"$t/repack/macros/main.e"
 (cd "$t/broken" && sha256sum cdinst.cvb cvcheck cvinst cvpack license.txt >SHA256SUMS)
 cp -r "$build/dist-plugin" "$t/plugin-dist"
 cp -r "$build/eclipse-demo" "$t/eclipse"
+cp -r "$build/eclipse-demo" "$t/eclipse-ssh"
+
+# A release whose installer says it succeeded and installs nothing, with matching sums.
+cp -r "$build/dist" "$t/liar"
+printf '#!/bin/sh\necho "INSTALLATION SUCCESSFULLY COMPLETED"\nexit 0\n' >"$t/liar/cvinst"
+(cd "$t/liar" && sha256sum cdinst.cvb cvcheck cvinst cvpack license.txt >SHA256SUMS)
+# A release whose installer never ends (it notes its process id, then waits), with matching sums.
+cp -r "$build/dist" "$t/hang"
+printf '#!/bin/sh\necho $$ >>%s\nwhile :; do sleep 1; done\n' "$t/hang.pids" >"$t/hang/cvinst"
+(cd "$t/hang" && sha256sum cdinst.cvb cvcheck cvinst cvpack license.txt >SHA256SUMS)
 
 inventory() {  # inventory FILE [HOST SETTINGS]...: the three hosts, some with settings of their own
   local file=$1 h
@@ -77,6 +112,14 @@ play() {  # play NAME INVENTORY [options]: the playbook's output goes to $t/NAME
   if [ "${1:-}" = rolling ]; then playbook=rolling.yml && shift; fi
   ansible-playbook -i "$t/$hosts" "$repo/deploy/ansible/$playbook" "$@" </dev/null >"$t/$name.log" 2>&1 || true
 }
+# ssh_play NAME [options]: a play over ssh with Ansible's own defaults (the remote temporary
+# directory in the user's home, host keys checked against the known_hosts file given)
+ssh_play() {
+  local name=$1
+  shift
+  env -u ANSIBLE_REMOTE_TEMP -u ANSIBLE_HOST_KEY_CHECKING ansible-playbook -i "$t/hosts-ssh" \
+    "$repo/deploy/ansible/site.yml" "$@" </dev/null >"$t/$name.log" 2>&1 || true
+}
 recap() {  # recap NAME HOST: "changed failed" of HOST in the play recap of run NAME
   awk -v h="$2" '$1 == h && $2 == ":" { for (i = 3; i <= NF; i++) { split($i, kv, "="); n[kv[1]] = kv[2] }
                                          print n["changed"], n["failed"] }' "$t/$1.log"
@@ -91,7 +134,7 @@ check() {  # check WHAT COMMAND...
 }
 has() { grep -qF -- "$2" "$t/$1.log"; }
 lacks() { ! has "$@"; }
-installed() { [[ "$(recap "$1" "$2")" =~ ^[1-9][0-9]*\ 0$ ]]; }  # changed, not failed
+installed() { [[ "$(recap "$1" "$2")" =~ ^1\ 0$ ]]; }  # changed, not failed
 failed() { [[ "$(recap "$1" "$2")" =~ \ 1$ ]]; }
 same_as_payload() { cmp -s "$repo/demo/payload/$2" "$t/$1/corvane/$2"; }
 yes=(-e corvane_accept_license=true)
@@ -114,7 +157,8 @@ play r2 hosts-damaged "${yes[@]}" -e corvane_keyring="$t/key.gpg"
 for h in h1 h2; do
   check "r2 $h installed" installed r2 $h
   check "r2 $h one run, the link" [ "$(runs $h)" = 1 -a -L "$t/$h/corvane/bin/cvt" ]
-  check "r2 $h work directory cleaned up" [ ! -e "$t/$h/work" ]
+  check "r2 $h private directory removed" [ -z "$(ls -A "$t/$h/work")" ]
+  check "r2 $h says what changed" has r2 "installed release corvane-demo in $t/$h/corvane on $h (was: none); "
   check "r2 $h payload" same_as_payload $h bin/cv
 done
 check "r2 h3 fails" failed r2 h3
@@ -135,7 +179,7 @@ check "r3 h3 payload" same_as_payload h3 bin/cv
 truncate -s 100 "$t/h1/corvane/bin/cv"
 play r4 hosts-broken "${yes[@]}"
 check "r4 h1 reinstalled" installed r4 h1
-check "r4 h1 says why" has r4 "Corvane was installed in $t/h1/corvane on h1: 1 installed files differ: $t/h1/corvane/bin/cv (size"
+check "r4 h1 says why" has r4 "installed release corvane-demo in $t/h1/corvane on h1 (was: 1 installed files differed: $t/h1/corvane/bin/cv (size"
 check "r4 h1 second run, file whole again" [ "$(runs h1)" = 2 ]
 check "r4 h1 payload" same_as_payload h1 bin/cv
 check "r4 h3 unchanged" [ "$(recap r4 h3)" = "0 0" ]
@@ -156,9 +200,11 @@ done
 check "r5 h2 fails" failed r5 h2
 check "r5 h2 names the file" has r5 "\"$t/h2/corvane/macros/main.e (size: listed with $size bytes, has $((size + 18)))\""
 
-play r6 hosts "${yes[@]}" --check
+play r6 hosts "${yes[@]}" --check --diff
 check "r6 h2 would be reinstalled" [ "$(recap r6 h2)" = "1 0" ]
-check "r6 h2 says why" has r6 "Check mode: Corvane would be installed in $t/h2/corvane on h2: 1 installed files differ"
+check "r6 h2 says why" has r6 "Check mode: would install release corvane-demo in $t/h2/corvane on h2 (was: 1 installed files differed"
+check "r6 h2 diff header" has r6 "+++ after: $t/h2/corvane on h2 (release corvane-demo)"
+check "r6 h2 diff names the file" has r6 "-$t/h2/corvane/macros/main.e (size: listed with $size bytes, has $((size + 18)))"
 check "r6 h1 unchanged" [ "$(recap r6 h1)" = "0 0" ]
 check "r6 h2 nothing done" [ "$(tail -c 18 "$t/h2/corvane/macros/main.e")" = '; changed by hand' ]
 
@@ -172,10 +218,42 @@ check "r7 reports" has r7 "cvcheck: would remove 28 entries of $t/h3/corvane/, k
 play r8 hosts -e corvane_state=absent -e corvane_purge=true
 for h in h1 h2 h3; do
   check "r8 $h removed" installed r8 $h
-  check "r8 $h nothing left" [ ! -e "$t/$h/corvane" -a ! -e "$t/$h/work" ]
+  check "r8 $h nothing left" [ ! -e "$t/$h/corvane" -a -z "$(ls -A "$t/$h/work")" ]
 done
 play r8b hosts -e corvane_state=absent
 check "r8b absent again: unchanged" [ "$(recap r8b h1)" = "0 0" ]
+
+# Base directories another user could change are refused before anything is made in them; one
+# too small for the release says so rather than reporting the installer's status.
+mkdir -m 0777 "$t/shared"
+mkdir "$t/theirs" && chown 65534:65534 "$t/theirs"
+small=yes
+mkdir "$t/small" && mount -t tmpfs -o size=128k cvfleet-small "$t/small" 2>/dev/null || small=
+inventory "$t/hosts-bases" h1 "corvane_work_dir=$t/shared/w" h2 "corvane_work_dir=$t/theirs" h3 "corvane_work_dir=$t/small/w"
+play rw hosts-bases "${yes[@]}"
+check "rw h1 refused" failed rw h1
+check "rw h1 says why" has rw "Install Corvane on h1: corvane_work_dir: $t/shared is writable by others without the sticky bit (mode drwxrwxrwx)"
+check "rw h1 nothing made there" [ -z "$(ls -A "$t/shared")" ]
+check "rw h2 refused" failed rw h2
+check "rw h2 says why" has rw "Install Corvane on h2: corvane_work_dir: $t/theirs is owned by user 65534, neither root nor the connecting user"
+check "rw h2 nothing made there" [ -z "$(ls -A "$t/theirs")" ]
+for h in h1 h2; do check "rw $h nothing installed" [ ! -e "$t/$h/corvane" ]; done
+if [ -n "$small" ]; then
+  check "rw h3 fails" failed rw h3
+  check "rw h3 could not unpack" has rw "could not unpack into $t/small/w/corvane."
+  check "rw h3 names the reason" has rw "on h3: no space left on device. Nothing was installed."
+  check "rw h3 not the installer's status" lacks rw 'cvinst ended with exit status'
+  check "rw h3 private directory removed" [ -z "$(ls -A "$t/small/w")" ]
+  umount "$t/small"
+else
+  echo "SKIPPED rw h3 (no space left): cannot mount a tmpfs here"
+fi
+
+# A value of the wrong type is refused by the role's argument spec before any task.
+play rt hosts "${yes[@]}" -e corvane_timeout=soon -l h1
+check "rt refused" failed rt h1
+check "rt names the variable" has rt "argument 'corvane_timeout' is of type <class 'str'>"
+check "rt no release checked" lacks rt 'Check the settings and the release'
 
 play r9 hosts-rolling rolling "${yes[@]}"
 check "r9 h1 installed in the first batch" installed r9 h1
@@ -192,6 +270,28 @@ play r11 hosts-plugin -e corvane_state=absent -e corvane_purge=true -l h1
 check "r11 h1 removed" installed r11 h1
 check "r11 link file gone" [ ! -e "$link" ]
 check "r11 plug-in root gone" [ ! -e "$t/h1/corvplugin" ]
+
+# An installer that never ends is stopped by corvane_timeout with all it started, and what the
+# role put on the host is removed.
+inventory "$t/hosts-hang" h2 "corvane_run_file='' corvane_dist_dir=$t/hang corvane_timeout=3"
+play r12 hosts-hang "${yes[@]}" -l h2
+check "r12 h2 fails" failed r12 h2
+check "r12 h2 names the step and the limit" has r12 "Install Corvane on h2 did not end within corvane_timeout (3 s); it was stopped, and what the role had put on the host was removed ($t/h2/work/corvane."
+check "r12 the installer ran" [ -s "$t/hang.pids" ]
+gone() { [ ! -e "/proc/$1" ] || grep -q '^State:.*zombie' "/proc/$1/status"; }  # ended (a zombie where no init reaps)
+running() { [ -n "$1" ] && ! gone "$1"; }
+check "r12 the installer stopped" gone "$(tail -n 1 "$t/hang.pids")"
+check "r12 private directory removed" [ -z "$(ls -A "$t/h2/work")" ]
+check "r12 nothing sent left" [ -z "$(ls -A "$t/.ansible/remote")" ]
+
+# An installer that reports success is not believed: the verification after it decides.
+inventory "$t/hosts-liar" h2 "corvane_run_file='' corvane_dist_dir=$t/liar"
+play r13 hosts-liar "${yes[@]}" -l h2
+check "r13 h2 fails" failed r13 h2
+check "r13 h2 says the installation does not verify" has r13 "cvinst ended with status 0 on h2, but the installation in $t/h2/corvane on h2 does not verify: cannot open $t/h2/corvane"
+check "r13 h2 not reported installed" lacks r13 'installed release'
+
+source "$repo/tests/ansible/ssh_rows.sh"
 
 if [ "$fails" -ne 0 ]; then
   for log in "$t"/r*.log; do echo "=== $log" && cat "$log"; done

@@ -6,7 +6,7 @@
 #     dist_dir: ""                              # or a distribution directory
 #     keyring: /srv/corvane/release-key.gpg     # optional: the signature must verify with it
 #     settings: {state: present, accept_license: true, install_dir: /opt/corvane,
-#                work_dir: /var/tmp/corvane-dist, eclipse_dir: ""}
+#                work_dir: /var/tmp, eclipse_dir: ""}
 #
 # Settings that cannot work (an unknown state, the licence agreement not accepted for present,
 # relative or equal directories) are handed on as "refused": the role then leaves the host alone
@@ -22,7 +22,7 @@
 #
 # The result: kind (editor or plugin, by the package the installer will take), package,
 # list_sha256 (the SHA-256 of the package's file list, which an installation keeps as its dated
-# list), payload and checker (src, name and sha256 for corvane_ship), start (run or dir).
+# list), name (the file name without .run, or the directory's), payload and checker (src, name and sha256 for corvane_ship), start (run or dir).
 #
 # Every host of a play calls this for its own release; the work is done once per release and
 # ansible-playbook run, and the other hosts read the outcome (a refusal included). It lives in
@@ -132,7 +132,8 @@ def prepare_run_file(path, keyring, work):
         raise Refusal('%s is damaged: its SHA-256 is %s, not %s as %s says. %s'
                       % (path, actual, expected, sums, NOTHING_SENT))
     release = unpacked_release(path, expected, work)
-    release.update(start='run', payload={'src': path, 'name': os.path.basename(path), 'sha256': expected})
+    release.update(start='run', payload={'src': path, 'name': os.path.basename(path), 'sha256': expected},
+                   name=re.sub(r'\.run$', '', os.path.basename(path)))
     return release
 
 
@@ -195,7 +196,8 @@ def prepare_dist_dir(path, keyring, work):
     status, output = run(['tar', '-cf', packed, '-C', path, '.'])
     if status != 0:
         raise Refusal('cannot pack %s: %s. %s' % (path, output, NOTHING_SENT))
-    release.update(start='dir', payload={'src': packed, 'name': 'dist.tar', 'sha256': sha256_of(packed)})
+    release.update(start='dir', payload={'src': packed, 'name': 'dist.tar', 'sha256': sha256_of(packed)},
+                   name=os.path.basename(os.path.normpath(path)))
     return release
 
 
