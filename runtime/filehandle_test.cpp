@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <functional>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
@@ -64,19 +65,6 @@ protected:
     std::string tmp_;
 };
 
-TEST_F(FileTest, HandlesModesAndStatusCodes) {
-    EXPECT_EQ(fileWrite(1, "", 0), 0);  // the standard handles are there from the start
-    // Written, cut short and read back.
-    std::string path = at("f");
-    int32_t h = fileOpen(path.c_str(), 2);
-    EXPECT_EQ(fileWrite(h, "hello world", 11), 11);
-    EXPECT_EQ(fileSeek(h, -6, 1), 5);
-    EXPECT_EQ(fileTruncate(h), 0);
-    EXPECT_EQ(fileClose(h, -1), 0);
-    EXPECT_EQ(readThroughHandle(path).second, "hello");
-    EXPECT_EQ(fileOpen(path.c_str(), 6), -52);  // an unknown mode
-}
-
 // Permission bits of a path, or -1 when it is not there.
 int modeOf(const std::string& path) {
     struct stat st;
@@ -109,73 +97,15 @@ TEST_F(FileTest, OpenModes) {
     int i = 0;
     for (const auto& r : rows) {
         std::string path = at("mode" + std::to_string(i++));
-        if (r.before) {
-            put(path.substr(tmp_.size() + 1), "old");
-            chmod(path.c_str(), 0600);
-        }
+        if (r.before) chmod(put(path.substr(tmp_.size() + 1), "old").c_str(), 0600);
         mode_t saved = umask(r.mask);
         int32_t h = fileOpen(path.c_str(), r.mode);
         umask(saved);
+        if (h >= 0) fileClose(h, -1);
         EXPECT_EQ(h < 0 ? h : 3, r.code) << r.mode << " " << r.before;
-        if (h >= 0) {
-            EXPECT_EQ(fileClose(h, -1), 0);
-        }
         EXPECT_EQ(modeOf(path), r.bits) << r.mode << " " << r.before;
         EXPECT_EQ(readThroughHandle(path).second, r.bytes) << r.mode << " " << r.before;
     }
-}
-
-// Read-write reads what it wrote; write-only cannot read; an unknown whence and a seek before the
-// start are invalid parameters; flush forces a plain file out and fails on a device that has no
-// such thing.
-TEST_F(FileTest, ReadWriteSeekAndFlush) {
-    std::string path = put("rw", "abcdef");
-    int32_t rw = fileOpen(path.c_str(), 3);
-    char buf[8] = {};
-    EXPECT_EQ(fileWrite(rw, "XY", 2), 2);
-    EXPECT_EQ(fileRead(rw, buf, 3), 3);
-    EXPECT_STREQ(buf, "cde");
-    EXPECT_EQ(fileSeek(rw, 0, 3), -52);
-    EXPECT_EQ(fileSeek(rw, -1, 0), -52);
-    EXPECT_EQ(fileFlush(rw), 0);
-    EXPECT_EQ(fileClose(rw, -1), 0);
-    int32_t wo = fileOpen(path.c_str(), 4);
-    EXPECT_EQ(fileRead(wo, buf, 1), -33);
-    EXPECT_EQ(fileClose(wo, -1), 0);
-    int32_t full = fileOpen("/dev/full", 4);
-    EXPECT_EQ(fileWrite(full, "x", 1), -36);
-    EXPECT_EQ(fileFlush(full), -52);
-    EXPECT_EQ(fileClose(full, -1), 0);
-}
-
-// Handles that are not open, and the standard ones, which cannot be closed.
-TEST(Handles, UnknownAndStandard) {
-    char c;
-    EXPECT_EQ(fileWrite(9999, "x", 1), -34);
-    EXPECT_EQ(fileRead(9999, &c, 1), -33);
-    EXPECT_EQ(fileSeek(9999, 0, 0), -33);
-    EXPECT_EQ(fileTruncate(9999), -34);
-    EXPECT_EQ(fileFlush(9999), -34);
-    EXPECT_EQ(fileClose(9999, -1), -35);
-    EXPECT_EQ(fileClose(-1, -1), -35);
-    EXPECT_EQ(fileClose(2, -1), -35);
-    EXPECT_EQ(fileOpen(nullptr, 0), -52);
-}
-
-// More handles than the table's first 100 entries, numbered in a row; the last one closed is the
-// first one given again.
-TEST_F(FileTest, TableGrowsAndReusesTheLastClosed) {
-    std::string path = put("many", "x");
-    std::vector<int32_t> handles;
-    for (int i = 0; i < 250; ++i) handles.push_back(fileOpen(path.c_str(), 0));
-    for (size_t i = 1; i < handles.size(); ++i) EXPECT_EQ(handles[i], handles[0] + int32_t(i));
-    char c = 0;
-    EXPECT_EQ(fileRead(handles.back(), &c, 1), 1);
-    EXPECT_EQ(fileClose(handles[10], -1), 0);
-    EXPECT_EQ(fileClose(handles[20], -1), 0);
-    EXPECT_EQ(fileOpen(path.c_str(), 0), handles[20]);
-    EXPECT_EQ(fileOpen(path.c_str(), 0), handles[10]);
-    for (int32_t h : handles) EXPECT_EQ(fileClose(h, -1), 0);
 }
 
 // Every errno the layer names, and one it does not (the operation's default).
@@ -188,8 +118,7 @@ TEST(ErrnoMap, Table) {
 }
 
 // Runs body in a child process and answers what it returned (-128 ... 127).
-template <typename F>
-int inChild(F body) {
+int inChild(const std::function<int32_t()>& body) {
     pid_t pid = fork();
     if (pid == 0) _exit(body() + 128);
     int status = 0;
@@ -197,70 +126,24 @@ int inChild(F body) {
     return WIFEXITED(status) ? WEXITSTATUS(status) - 128 : -1000;
 }
 
-// Codes from real failures: a file the user may not read, a name below a plain file, and a process
-// out of descriptors.
-TEST_F(FileTest, ErrorsOfRealOpens) {
-    std::string secret = put("secret", "s");
-    chmod(secret.c_str(), 0600);
-    chmod(tmp_.c_str(), 0755);
-    EXPECT_EQ(inChild([&] { return setuid(65534) == 0 ? fileOpen(secret.c_str(), 0) : 0; }), -5);
-    EXPECT_EQ(fileOpen((secret + "/x").c_str(), 0), -3);
-    EXPECT_EQ(fileOpen(at("nodir/x").c_str(), 0), -3);
-    EXPECT_EQ(fileOpen(at("nofile").c_str(), 0), -2);
-    EXPECT_EQ(fileOpen(tmp_.c_str(), 2), -32);  // a directory: EISDIR has no code of its own
-    EXPECT_EQ(inChild([&] {
-                  rlimit none = {3, 3};
-                  return setrlimit(RLIMIT_NOFILE, &none) == 0 ? fileOpen(secret.c_str(), 0) : 0;
-              }),
-              -4);
-}
-
-// A reader takes the first byte that no other process holds; a descriptor not open for writing
-// can take none.
-TEST_F(FileTest, ReaderLockByte) {
-    std::string path = put("locked", "x");
-    int rw = open(path.c_str(), O_RDWR);
-    int ro = open(path.c_str(), O_RDONLY);
-    EXPECT_EQ(fileLockReaderByte(ro), -1);
+// More handles than the table's first 100 entries, numbered in a row; the last one closed is the
+// first one given again. A reader takes the first lock byte no other process holds.
+TEST_F(FileTest, HandleTableAndReaderLocks) {
+    std::string path = put("many", "x");
+    std::vector<int32_t> handles;
+    for (int i = 0; i < 250; ++i) handles.push_back(fileOpen(path.c_str(), 0));
+    EXPECT_EQ(handles.back(), handles.front() + 249);
+    EXPECT_EQ(fileClose(handles[10], -1), 0);
+    EXPECT_EQ(fileClose(handles[20], -1), 0);
+    EXPECT_EQ(fileOpen(path.c_str(), 0), handles[20]);
+    EXPECT_EQ(fileOpen(path.c_str(), 0), handles[10]);
+    for (int32_t h : handles) EXPECT_EQ(fileClose(h, -1), 0);
+    int rw = open(path.c_str(), O_RDWR | O_CLOEXEC), ro = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(fileLockReaderByte(ro), -1);  // a descriptor not open for writing can take none
     EXPECT_EQ(fileLockReaderByte(rw), 0);
     EXPECT_EQ(inChild([&] { return fileLockReaderByte(open(path.c_str(), O_RDWR)); }), 1);
     close(rw);
     close(ro);
-}
-
-// Whole reads: the old end-of-file mark is left out of the length unless asked for; a path that
-// cannot be opened or sought gives its code and no buffer.
-TEST_F(FileTest, WholeFileReads) {
-    const struct {
-        const char* bytes;
-        int32_t keepEof;
-        int32_t length;
-    } rows[] = {
-        {"ab\x1a", 0, 2},
-        {"ab\x1a", 1, 3},
-        {"ab", 0, 2},
-        {"", 0, 0},
-    };
-    for (const auto& r : rows) {
-        std::string path = put("whole", r.bytes);
-        char* buffer = nullptr;
-        int32_t length = -1;
-        EXPECT_EQ(fileReadAll(path.c_str(), &buffer, &length, r.keepEof, 0), 0);
-        EXPECT_EQ(length, r.length) << r.bytes << r.keepEof;
-        EXPECT_EQ(std::string(buffer), r.bytes);
-        libFree(buffer);
-    }
-    char* buffer = reinterpret_cast<char*>(1);
-    int32_t length = -1;
-    EXPECT_EQ(fileReadAll(at("none").c_str(), &buffer, &length, 0, 0), -2);
-    EXPECT_EQ(buffer, nullptr);
-    int pipeEnds[2];
-    ASSERT_EQ(pipe(pipeEnds), 0);
-    std::string end = "/proc/self/fd/" + std::to_string(pipeEnds[0]);
-    EXPECT_EQ(fileReadAll(end.c_str(), &buffer, &length, 0, 0), -33);  // a pipe cannot seek
-    EXPECT_EQ(length, 0);
-    close(pipeEnds[0]);
-    close(pipeEnds[1]);
 }
 
 // A file that reads shorter than its size (sysfs reports 4096 bytes) ends at what was read. Whole
@@ -362,26 +245,86 @@ TEST_F(FileTest, ArchiveMembers) {
     EXPECT_EQ(count, 0u);
 }
 
-// The operations a class does not override answer 0; an archive member is read-only.
-TEST_F(FileTest, ClassDefaultsAndArchiveMemberOperations) {
+// Each row is one call, in order, and its code: on "f" (holding "abcdef") open read-write,
+// write-only and on /dev/full, on an archive member, on handles that are not open, and real
+// failures of the system calls.
+TEST_F(FileTest, CallsAndTheirCodes) {
+    std::string f = put("f", "abcdef"), secret = put("secret", "s"),
+                zip = put("m.zip", buildZip({stored("a", "xyz")}));
+    chmod(secret.c_str(), 0600);
+    chmod(tmp_.c_str(), 0755);
+    int32_t rw = fileOpen(f.c_str(), 3), wo = fileOpen(f.c_str(), 4), full = fileOpen("/dev/full", 4);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    std::string pipePath = "/proc/self/fd/" + std::to_string(ends[0]);
+    char c = 0, *bytes = nullptr;
+    int32_t length = 0;
+    std::string eof = put("eof", "ab\x1a");
+    auto readAll = [&](const std::string& path, int32_t keepEof) {
+        int32_t rc = fileReadAll(path.c_str(), &bytes, &length, keepEof, 0);
+        libFree(bytes);
+        return rc < 0 ? rc : length;
+    };
+    auto openWithoutDescriptors = [&] {
+        rlimit none = {3, 3};
+        return setrlimit(RLIMIT_NOFILE, &none) ? 0 : fileOpen(f.c_str(), 0);
+    };
     XXFH_POSIX plain;
-    EXPECT_EQ(plain.control1(), 0);
-    EXPECT_EQ(plain.control2(), 0);
-    EXPECT_EQ(plain.close(-1), -35);  // nothing open
-    std::string zip = put("m.zip", buildZip({stored("a.txt", "abcdef")}));
     XXFH_JAR jar;
-    ASSERT_EQ(jar.open((zip + "/a.txt").c_str(), 0), 0);
-    EXPECT_EQ(jar.open((zip + "/a.txt").c_str(), 1), -2113);
-    EXPECT_EQ(jar.write("x", 1), -2113);
-    EXPECT_EQ(jar.truncate(), 1);
-    EXPECT_EQ(jar.flush(), 1);
-    EXPECT_EQ(jar.seek(2, 0), 2);
-    EXPECT_EQ(jar.seek(3, 1), 5);
-    char c = 0;
-    EXPECT_EQ(jar.read(&c, 1), 1);
-    EXPECT_EQ(c, 'f');
-    EXPECT_EQ(jar.seek(-1, 2), 5);
-    EXPECT_EQ(fileOpen((zip + "/a.txt").c_str(), 2), -2113);
+    const struct {
+        const char* what;
+        std::function<int32_t()> call;
+        int32_t code;
+    } rows[] = {
+        {"standard output", [] { return fileWrite(1, "", 0); }, 0},
+        {"write", [&] { return fileWrite(rw, "XY", 2); }, 2},
+        {"read on", [&] { return fileRead(rw, &c, 1) == 1 ? c : -1; }, 'c'},
+        {"seek back", [&] { return fileSeek(rw, -1, 1); }, 2},
+        {"truncate", [&] { return fileTruncate(rw); }, 0},
+        {"size", [&] { return fileSeek(rw, 0, 2); }, 2},
+        {"unknown whence", [&] { return fileSeek(rw, 0, 3); }, -52},
+        {"before the start: EINVAL", [&] { return fileSeek(rw, -1, 0); }, -52},
+        {"flush", [&] { return fileFlush(rw); }, 0},
+        {"write-only cannot read", [&] { return fileRead(wo, &c, 1); }, -33},
+        {"full device: ENOSPC", [&] { return fileWrite(full, "x", 1); }, -36},
+        {"no flush on a device: EINVAL", [&] { return fileFlush(full); }, -52},
+        {"unknown mode", [&] { return fileOpen(f.c_str(), 6); }, -52},
+        {"no path", [] { return fileOpen(nullptr, 0); }, -52},
+        {"below a file: ENOTDIR", [&] { return fileOpen((f + "/x").c_str(), 0); }, -3},
+        {"missing directory", [&] { return fileOpen(at("no/x").c_str(), 0); }, -3},
+        {"missing file", [&] { return fileOpen(at("no").c_str(), 0); }, -2},
+        {"directory to write: EISDIR", [&] { return fileOpen(tmp_.c_str(), 2); }, -32},
+        {"another user: EACCES",
+         [&] { return inChild([&] { return setuid(65534) ? 0 : fileOpen(secret.c_str(), 0); }); }, -5},
+        {"no descriptor left: EMFILE", [&] { return inChild(openWithoutDescriptors); }, -4},
+        {"whole read without the end mark", [&] { return readAll(eof, 0); }, 2},
+        {"whole read with it", [&] { return readAll(eof, 1); }, 3},
+        {"whole pipe cannot seek", [&] { return readAll(pipePath, 0); }, -33},
+        {"write no handle", [] { return fileWrite(9999, "x", 1); }, -34},
+        {"read no handle", [&] { return fileRead(9999, &c, 1); }, -33},
+        {"seek no handle", [] { return fileSeek(9999, 0, 0); }, -33},
+        {"truncate no handle", [] { return fileTruncate(9999); }, -34},
+        {"flush no handle", [] { return fileFlush(9999); }, -34},
+        {"close no handle", [] { return fileClose(9999, -1); }, -35},
+        {"close a standard handle", [] { return fileClose(2, -1); }, -35},
+        {"close below 0", [] { return fileClose(-1, -1); }, -35},
+        {"first further operation", [&] { return plain.control1(); }, 0},
+        {"second further operation", [&] { return plain.control2(); }, 0},
+        {"close nothing open", [&] { return plain.close(-1); }, -35},
+        {"member open", [&] { return jar.open((zip + "/a").c_str(), 0); }, 0},
+        {"member for writing", [&] { return jar.open((zip + "/a").c_str(), 1); }, -2113},
+        {"member write", [&] { return jar.write("x", 1); }, -2113},
+        {"member truncate", [&] { return jar.truncate(); }, 1},
+        {"member flush", [&] { return jar.flush(); }, 1},
+        {"member seek", [&] { return jar.seek(1, 0); }, 1},
+        {"member seek on", [&] { return jar.seek(1, 1); }, 2},
+        {"member read", [&] { return jar.read(&c, 1) == 1 ? c : -1; }, 'z'},
+        {"member through a handle for writing", [&] { return fileOpen((zip + "/a").c_str(), 2); }, -2113},
+    };
+    for (const auto& r : rows) EXPECT_EQ(r.call(), r.code) << r.what;
+    for (int32_t h : {rw, wo, full}) fileClose(h, -1);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 }  // namespace
