@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
 # The mechanical style checks that CI runs, each failing on any finding:
-#  1. every tracked C/C++ file is formatted as .clang-format says;
-#  2. a clang build (-Wall -Wextra -Wcomma) has no warning (-Werror);
-#  3. clang-tidy, with the checks of .clang-tidy, finds nothing over that build's compile database.
-#  4. shellcheck finds nothing in the header script of the self-extracting file (POSIX sh).
+#  1. no link between the documents (README.md, SECURITY.md, docs/) is broken;
+#  2. every tracked C/C++ file is formatted as .clang-format says;
+#  3. a clang build (-Wall -Wextra -Wcomma) has no warning (-Werror);
+#  4. clang-tidy, with the checks of .clang-tidy, finds nothing over that build's compile database;
+#  5. shellcheck finds nothing in the header script of the self-extracting file (POSIX sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
+
+echo "== links between the documents"
+bash scripts/doclinks.sh
 
 echo "== clang-format"
 git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run -Werror

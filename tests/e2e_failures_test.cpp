@@ -9,14 +9,13 @@ namespace {
 // Resource limits: the sanitized installer cannot start under a memory limit, and its checks need
 // free descriptors of their own, so these cases run in the plain build only.
 const std::string kPlain =
-    "grep -q __asan_init \"$D/cvinst\" && "
-    "{ echo 'skip: the sanitized installer does not run under this limit'; exit 77; }; ";
+    R"sh(grep -q __asan_init "$D/cvinst" && { echo 'skip: the sanitized installer does not run under this limit'; exit 77; }; )sh";
 const std::string kLimited = kPlain + "ulimit -v 1048576; inst d inst";
 // A sparse file of 200 TB, more than any address space holds.
 const std::string kHuge = "mnt m size=1m && truncate -s 200T m/huge";
 const std::string kNullOk = "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}allocator_may_return_null=1 ";
 const std::string kInst = "inst dist inst";
-const std::string kMine = "nobody \"$D/cvinst\" -d -post-install -destination-dir \"$S/mine/inst\"";
+const std::string kMine = R"sh(nobody "$D/cvinst" -d -post-install -destination-dir "$S/mine/inst")sh";
 // The package without one or two of its files, the file (or something else) put into $S/inst instead.
 std::string without(Str file, Str instead, Str also = "") {
     std::string removed = shq("t/" + file) + (also.empty() ? "" : " " + shq("t/" + also));
@@ -30,7 +29,7 @@ E2E_CASES(
     Failures,
     Case{"space_probe_blocked",
          "mkdir inst && ln -s /nonexistent inst/SPACECHECK",
-         "cvinst -post-install -destination-dir \"$S/inst\"",
+         R"sh(cvinst -post-install -destination-dir "$S/inst")sh",
          kOpen,
          1,
          {msg("Slow disk space check failed."), "!" + kDone},
@@ -38,13 +37,13 @@ E2E_CASES(
          {},
          EIO},
     Case{"link_file_in_the_way",
-         kEclipse + " && mkdir -p ide/eclipse/links/com.corvane.eclipse.plugin.link",
+         "mkide && pldist pl && mkdir -p ide/eclipse/links/com.corvane.eclipse.plugin.link",
          "pl/cvinst -d",
          kOpen + "$S/ide\n\n\n",
          1,
          {"\n***\nError creating link file (21)\n***\n", "!" + kDone}},
     Case{"launch_script_not_writable",
-         kEclipse + " && mkdir -p mine ide/eclipse/links && chown 65534 mine ide/eclipse/links",
+         "mkide && pldist pl && mkdir -p mine ide/eclipse/links && chown 65534 mine ide/eclipse/links",
          "nobody pl/cvinst -d +post-install",
          kOpen + "$S/ide\n$S/mine/r\n\n",
          0,
@@ -75,12 +74,12 @@ E2E_CASES(
         "copy_mode_not_settable",
         "mkdir -p mine/inst && install -m 666 /dev/null mine/inst/rescue.stu && chown 65534 mine mine/inst",
         kMine, 0, {msg("Warning: Cannot set permission bits for $S/mine/inst/rescue.stu."), kDone},
-        {"cmp mine/inst/rescue.stu \"$P/corv.stu\""}),
+        {R"sh(cmp mine/inst/rescue.stu "$P/corv.stu")sh"}),
     // Started from a directory too long for a path: setup.ini is read there all the same.
-    opened("working_directory_too_long",
-           "d=$(printf %0200d 0) && mkdir -p w/$d/$d/$d && "
-           "printf '[unattended]\\nDestinationDir=rel\\n' >w/$d/$d/$d/setup.ini",
-           "cd w/*/*/* && q", 1, {"!" + kDirQ, msg("Cannot determine the current directory for rel/.")}),
+    opened(
+        "working_directory_too_long",
+        R"sh(d=$(printf %0200d 0) && mkdir -p w/$d/$d/$d && printf '[unattended]\nDestinationDir=rel\n' >w/$d/$d/$d/setup.ini)sh",
+        "cd w/*/*/* && q", 1, {"!" + kDirQ, msg("Cannot determine the current directory for rel/.")}),
     // The macro list too big for memory.
     opened("macro_list_too_big", without("cmacros.lst", "truncate -s 2147483647 inst/cmacros.lst"), kLimited,
            0,
@@ -90,14 +89,14 @@ E2E_CASES(
     opened("shipped_alias_missing", without("$alias.crv", "echo bind >inst/alias.crv"), kSubst, 1,
            {msg("Cannot open $S/inst/$alias.crv"), "!Corvane Install", "!" + kDone}),
     opened("shipped_alias_too_big",
-           without("$alias.crv",
-                   "echo bind >inst/alias.crv && " + kHuge + " && ln -s \"$S/m/huge\" 'inst/$alias.crv'"),
+           without("$alias.crv", "echo bind >inst/alias.crv && " + kHuge +
+                                     R"sh( && ln -s "$S/m/huge" 'inst/$alias.crv')sh"),
            kNullOk + kSubst, 1,
            {msg("Cannot allocate memory to read file $S/inst/$alias.crv."), "!" + kDone}),
     opened("shipped_alias_is_a_directory",
            without("$alias.crv", "echo bind >inst/alias.crv && mkdir 'inst/$alias.crv'"), kSubst, 1,
            {msg("Cannot read file $S/inst/$alias.crv."), "!" + kDone}),
-    opened("alias_too_big", "mkdir inst && " + kHuge + " && ln -s \"$S/m/huge\" inst/alias.crv",
+    opened("alias_too_big", "mkdir inst && " + kHuge + R"sh( && ln -s "$S/m/huge" inst/alias.crv)sh",
            kNullOk + kInst, 0, {msg("Cannot update $S/inst/alias.crv."), kDone},
            {"! test -e inst/bin/corv.ini", "test -e 'inst/$alias.crv'"}),
     Case{"corv_ini_is_a_directory",
@@ -110,26 +109,27 @@ E2E_CASES(
     // Unpacking: no pipe to tar for want of descriptors, a package that cannot be read or opened.
     opened("no_pipe_for_tar", "", kPlain + "ulimit -n 4; " + kInst, 1,
            {msg("popen failed\n") + msg("Cannot unpack distribution."), "!" + kDone}),
-    opened("package_not_readable", "cp -a \"$D\" np && chmod 600 np/cvpack && mkdir mine && chown 65534 mine",
-           "nobody np/cvinst -d -post-install -destination-dir \"$S/mine/inst\"", 1,
+    opened("package_not_readable",
+           R"sh(cp -a "$D" np && chmod 600 np/cvpack && mkdir mine && chown 65534 mine)sh",
+           R"sh(nobody np/cvinst -d -post-install -destination-dir "$S/mine/inst")sh", 1,
            {msg("Missing distribution file $S/np/cvpack."), "!" + kDone}),
-    opened("package_is_a_socket", "cp -a \"$D\" s && rm s/cvpack && sock s/cvpack",
-           "s/cvinst -d -post-install -destination-dir \"$S/inst\"", 1,
+    opened("package_is_a_socket", R"sh(cp -a "$D" s && rm s/cvpack && sock s/cvpack)sh",
+           R"sh(s/cvinst -d -post-install -destination-dir "$S/inst")sh", 1,
            {"Unpacking files: ", "!Corvane Install", "[stderr]\ngzopen error\n"}),
     // Verification of a file too big for memory.
     opened("listed_file_too_big",
-           "tree t && { \"$MK\" --payload t --list-only && echo 'huge 2147483000 5'; } >l && "
-           "mv l t/distribfilelist && tard d t && mkdir inst && truncate -s 2147483000 inst/huge",
+           R"sh(tree t && { "$MK" --payload t --list-only && echo 'huge 2147483000 5'; } >l &&
+                mv l t/distribfilelist && tard d t && mkdir inst && truncate -s 2147483000 inst/huge)sh",
            kLimited, 1,
            {msg("Cannot allocation memory to check $S/inst/huge.") +
             msg("Error detected in $S/inst/huge. Mismatched checksum: expected=5 actual=4294967295")}),
     // The message file of a plug-in distribution: missing, not one, and without the text asked for.
     // Its texts are wrapped at 60 columns, the sandbox path behind the dot of "/tmp/cvinst-e2e.".
     Case{"message_file_problems",
-         "for m in missing bad plain; do cp -a \"$B/dist-plugin\" $m; done && rm missing/cdinst.cvb && "
-         "echo bad >bad/cdinst.cvb && printf '0\\tUnexpected error.\\n' >m.msg && "
-         "\"${MK%/*}/cvbc\" compile m.msg plain/cdinst.cvb",
-         "for m in missing bad plain; do $m/cvinst -d <<<$'\\nyes\\n\\nn'; done",
+         R"sh(for m in missing bad plain; do pldist $m; done && rm missing/cdinst.cvb &&
+              echo bad >bad/cdinst.cvb && printf '0\tUnexpected error.\n' >m.msg &&
+              "${MK%/*}/cvbc" compile m.msg plain/cdinst.cvb)sh",
+         R"sh(for m in missing bad plain; do $m/cvinst -d <<<$'\nyes\n\nn'; done)sh",
          "",
          1,
          {"\n***\nUnable to open message file '/tmp/cvinst-e2e.\n", "/missing/cdinst.cvb' not found\n***\n",

@@ -19,7 +19,7 @@ Case dir(Str name, Str run, Str input, int status, const Lines& out, const Lines
             out,
             checks};
 }
-const std::string kOdd = "odd dir \"q\" 'x' $HOME `id`; touch pwned";
+const std::string kOdd = R"(odd dir "q" 'x' $HOME `id`; touch pwned)";
 
 // The required tools from a directory of links; the run ends at the agreement.
 Case tools(Str name, Str setup, Lines out, Str missing = "") {
@@ -48,14 +48,15 @@ const std::string kUntouched = "license.txt bitmaps/open.bmp 'docs/release notes
 // A package whose list gets one more line (printed by `line`, bash), installed into $S/i: the
 // message the verification gives, and the list renamed all the same.
 Case list(Str name, Str line, Str message, Str more = "") {
-    return {name,
-            "tree t && { \"$MK\" --payload t --list-only && " + line +
-                "; } >l && mv l t/distribfilelist && tard d t" + more,
-            "inst d i",
-            kOpen,
-            1,
-            {"!Cannot get stat information", message, msg("Error detected in distribution."), "!" + kDone},
-            {"[ $(ls i | grep -c '^distribfilelist\\.[0-9]\\{14\\}$') = 1 ]", "! test -e i/distribfilelist"}};
+    return {
+        name,
+        R"sh(tree t && { "$MK" --payload t --list-only && )sh" + line +
+            "; } >l && mv l t/distribfilelist && tard d t" + more,
+        "inst d i",
+        kOpen,
+        1,
+        {"!Cannot get stat information", message, msg("Error detected in distribution."), "!" + kDone},
+        {R"sh([ $(ls i | grep -c '^distribfilelist\.[0-9]\{14\}$') = 1 ])sh", "! test -e i/distribfilelist"}};
 }
 std::string lineOf(Str text) {
     return "printf %s " + shq(text);
@@ -70,12 +71,13 @@ const std::string kDirForOld = "Directory for old configuration files [$S/inst/o
 // the installation directory shows that the commands quote their paths.
 Case macros(Str name, Str change, const Lines& out, const Lines& compiled, Str notCompiled, Str log,
             bool single) {
-    Lines checks = {"grep -qF \"" + log + "\" 'm m/bin/cvtw.log'",
+    Lines checks = {R"sh(grep -qF ")sh" + log + R"sh(" 'm m/bin/cvtw.log')sh",
                     "cd 'm m/macros' && ! ls " + notCompiled + " 2>/dev/null"};
     for (Str m : compiled) {
         checks.push_back("cd 'm m/macros' && ! test " + m + "x -ot " + m);
-        checks.push_back((single ? "" : "! ") + std::string("grep -qxF \"[$S/m m/bin/cvtw][$S/m m/macros/") +
-                         m + "]\" 'm m/bin/cvtw.log'");
+        checks.push_back((single ? "" : "! ") +
+                         std::string(R"sh(grep -qxF "[$S/m m/bin/cvtw][$S/m m/macros/)sh") + m +
+                         R"sh(]" 'm m/bin/cvtw.log')sh");
     }
     Lines expected = out;
     if (!single) expected.insert(expected.begin(), "!Compiling all macros");
@@ -84,8 +86,8 @@ Case macros(Str name, Str change, const Lines& out, const Lines& compiled, Str n
 const std::string kAll = "Compiling all macros. Please wait...\n";
 const std::string kCompiling = "Compiling macros. Please wait...\n";
 
-// Plug-in installations into the stand-in Eclipse of $S/ide/eclipse.
-const std::string kIde = "mkdir -p ide/eclipse && echo id=x >ide/eclipse/.eclipseproduct && ";
+// Plug-in installations into the stand-in Eclipse of $S/ide/eclipse (mkide, tests/lib.sh).
+const std::string kIde = "mkide id=x && ";
 const std::string kCore = "$S/ide/corvplugin/eclipse/plugins/com.corvane.core_10.0.0";
 const std::string kLayout =
     "features: com.corvane.plugin_10.0.0 plugins: com.corvane.core_10.0.0 com.corvane.eclipse.plugin_10.0.0";
@@ -94,8 +96,7 @@ std::string box(Str text) {
 }
 // The plug-in distribution is copied into the sandbox, where uid 65534 can read it.
 const std::string kLocked =
-    "mkdir -p mine locked/eclipse && chown 65534 mine && echo >locked/eclipse/.eclipseproduct && "
-    "cp -a \"$B/dist-plugin\" pl";
+    "mkdir -p mine locked/eclipse && chown 65534 mine && echo >locked/eclipse/.eclipseproduct && pldist pl";
 // The message file's texts are word-wrapped at 60 columns, a path behind one of its dots: the
 // sandbox "/tmp/cvinst-e2e.XXXXXX" breaks behind "cvinst-e2e.".
 const std::string kGive = "Give the directory that holds the Eclipse or WebSphere\nStudio installation.";
@@ -106,7 +107,8 @@ E2E_CASES(InstallDir,
           dir("interactive", "cvinst", "$S/inst\n\n", 0,
               {kAgree, kPrompt, "\nDirectory $S/inst/ does not exist. Create [Y]? ",
                "Skipping disk space check.", "\ndone\n", kDone,
-               "1. Type \"$S/inst/bin/cv\" to run Corvane.\n"},
+               R"(1. Type "$S/inst/bin/cv" to run Corvane.)"
+               "\n"},
               {"test -L inst/bin/cvt"}),
           // A file in the way and a refused creation ask again; a relative answer is taken from the
           // working directory, and shell characters in it are only characters.
@@ -115,18 +117,18 @@ E2E_CASES(InstallDir,
                "Directory $S/first/ " + kCreate + "Please enter 'Y' or 'N'.\n", kCreate, kPrompt,
                "Directory $S/" + kOdd + "/ " + kCreate},
               {"[ $(cat plain) = x ]", "! test -e first", "test -d " + shq(kOdd), "! test -e pwned",
-               "! test -e \"$D/pwned\""}),
+               R"sh(! test -e "$D/pwned")sh"}),
           dir("parent_is_a_file", "cvinst", "$S/plain/sub\ny\n", 1, {createNo("$S/plain/sub/", "$S/plain")}),
           // Too long answers and presets: nothing at all is made.
           dir("too_long_relative", "cd work && cvinst", std::string(505, 'r') + "\ny\n", 1,
               {msg("Install directory $S/work/" + std::string(505, 'r') + "/ is too long.")},
-              {"[ \"$(ls -A work)\" = a ]"}),
+              {R"sh([ "$(ls -A work)" = a ])sh"}),
           // 511 characters with the "/".
           dir("preset_fills_the_buffer", "cvinst -destination-dir $S/" + std::string(488, 'f'), "", 1,
               {" is too long.\n"}, {"! ls -d ff* 2>/dev/null"}),
-          dir("locked", "nobody \"$D/cvinst\"", "$S/locked\n", 1, {noAccess("$S/locked/")}),
+          dir("locked", R"sh(nobody "$D/cvinst")sh", "$S/locked\n", 1, {noAccess("$S/locked/")}),
           Case{"plugin_root",
-               kIde + "mkdir first blocked && echo x >blocked/eclipse && cp -a \"$B/dist-plugin\" pl",
+               kIde + "mkdir first blocked && echo x >blocked/eclipse && pldist pl",
                "pl/cvinst -d -post-install",
                kOpen + "$S/ide\n$S/first\nn\n$S/blocked\ny\n$S/good\n\n",
                0,
@@ -148,7 +150,7 @@ E2E_CASES(Checks,
                {kPause, kXWarning + "\n", kAgree, kPrompt}},
           Case{"post_install_without_x",
                "",
-               "cvinst -d +post-install -destination-dir \"$S/nox\"",
+               R"sh(cvinst -d +post-install -destination-dir "$S/nox")sh",
                "\ny\nyes\n",
                0,
                {"\ndone\n",
@@ -159,13 +161,15 @@ E2E_CASES(Checks,
                {"! test -e nox/tagfiles", "! test -e cv-started.log"}},
           // The editor runs in the background; its log is waited for before the run ends.
           opened("post_install_starts_the_editor", "",
-                 "xvfb; echo $DISPLAY >display; cvinst -d +post-install -v -destination-dir \"$S/x\"; s=$?; "
-                 "for i in $(seq 200); do [ -s cv-started.log ] && break; sleep 0.05; done; exit $s",
+                 R"sh(xvfb; echo $DISPLAY >display; cvinst -d +post-install -v -destination-dir "$S/x"; s=$?
+                      for i in $(seq 200); do [ -s cv-started.log ] && break; sleep 0.05; done; exit $s)sh",
                  0,
                  {"Starting Corvane with post-installation.\nPlease wait for Corvane to come up...\n",
-                  ">>> Post install: command=\"$S/x/bin/cv\" +new &\n", kDone},
+                  R"(>>> Post install: command="$S/x/bin/cv" +new &)"
+                  "\n",
+                  kDone},
                  {"[ $(stat -c %a x/tagfiles) = 755 ]",
-                  "[ \"$(cat cv-started.log)\" = \"$S/x/bin/cv +new DISPLAY=$(cat display)\" ]"}),
+                  R"sh([ "$(cat cv-started.log)" = "$S/x/bin/cv +new DISPLAY=$(cat display)" ])sh"}),
           Case{"disk_space_short",
                "mnt small size=100m,mode=0755",
                "cvinst -post-install",
@@ -186,19 +190,21 @@ E2E_CASES(
           ">>> Unpack command: tar xf -  >/dev/null 2>/dev/null\n", "\nUnpacking files: \ndone\n",
           "Checking distribution files. Please wait...\n", "   100%", std::string(72, ' ') + "\r",
           "Updating user and group file ownership. Please wait...\n",
-          ">>> Updating macros user ownership: command=chown -R 0 \"$S/inst/\"\n",
-          ">>> Updating macros group ownership: command=chgrp -R 0 \"$S/inst/\"\n",
+          R"(>>> Updating macros user ownership: command=chown -R 0 "$S/inst/")"
+          "\n",
+          R"(>>> Updating macros group ownership: command=chgrp -R 0 "$S/inst/")"
+          "\n",
           ">>> Linking bin/cvt to cvtw\n", "!Cleaning up"},
          // The list is kept under the time of the check; macros, state and resources are touched.
          {"f=$(cd inst && ls distribfilelist.*) && [[ ${f#*.} =~ ^[0-9]{14}$ ]]",
           "f=$(cd inst && ls distribfilelist.*) && [[ ! ${f#*.} < $(cat before) ]]",
           "f=$(cd inst && ls distribfilelist.*) && [[ ! ${f#*.} > $(date +%Y%m%d%H%M%S) ]]",
-          "cmp inst/distribfilelist.* <(\"$MK\" --payload \"$P\" --list-only)",
-          "cmp 'inst/docs/release notes.txt' \"$P/docs/release notes.txt\"",
-          "[ $(stat -c %a inst/bin/cvtw) = 755 ]", "[ \"$(readlink inst/bin/cvt)\" = cvtw ]",
+          R"sh(cmp inst/distribfilelist.* <("$MK" --payload "$P" --list-only))sh",
+          R"sh(cmp 'inst/docs/release notes.txt' "$P/docs/release notes.txt")sh",
+          "[ $(stat -c %a inst/bin/cvtw) = 755 ]", R"sh([ "$(readlink inst/bin/cvt)" = cvtw ])sh",
           "[ $(stat -c %u inst/notes.txt) = 0 ]",
           "cd inst && for f in " + kTouched + "; do ! test $f -ot ../before || exit 1; done",
-          "cd inst && for f in " + kUntouched + "; do test \"$f\" -ot ../before || exit 1; done"}},
+          "cd inst && for f in " + kUntouched + R"sh(; do test "$f" -ot ../before || exit 1; done)sh"}},
     list("size", lineOf("docs/release notes.txt 5 0\n"),
          msg("Error detected in $S/i/docs/release notes.txt. Mismatched size: expected=5 actual=170")),
     list("leaves_the_directory", lineOf("../dist/cvinst 10 0\n"),
@@ -212,34 +218,33 @@ E2E_CASES(
          msg("Cannot open file $S/i/sock") +
              msg("Error detected in $S/i/sock. Mismatched checksum: expected=7 actual=4294967295"),
          " && mkdir i && sock i/sock"),
-    list("directory", "printf 'bin %s 1\\n' $(stat -c %s t/bin)",
+    list("directory", R"sh(printf 'bin %s 1\n' $(stat -c %s t/bin))sh",
          "Corvane Install: Cannot read $S/i/bin. Expected "),
     // Checked, and then unchecked ("-s") into another directory.
     Case{"not_a_package",
-         "cp -a \"$D\" bad && echo no >bad/cvpack",
-         "inst bad i <<<$'\\nyes'; inst bad j -s <<<$'\\nyes'",
+         R"sh(cp -a "$D" bad && echo no >bad/cvpack)sh",
+         R"sh(inst bad i <<<$'\nyes'; inst bad j -s <<<$'\nyes')sh",
          "",
          1,
          {"\ndone\n", msg("Unable to open distribution file $S/i/distribfilelist"),
           msg("Error detected in distribution."), "!Checking distribution files",
           "\ndone\nSkipping distribution check.\n", msg("Cannot create symbolic link bin/cvt to cvtw.")}},
     // More than 5 MB unpacked, with members outside the directory, absolute, and behind a link.
-    opened(
-        "dots_and_members",
-        "tree big && head -c 5242880 /dev/urandom >big/docs/big.bin && mkd bd big && "
-        "mkdir -p outside abs extra && for f in escaped.txt abs/abs.txt extra/x; do echo packed >$f; done && "
-        "gzip -dc bd/cvpack >evil.tar && (cd abs && tar -rPf ../evil.tar ../escaped.txt \"$S/abs/abs.txt\") "
-        "&& ln -s \"$S/outside\" link && "
-        "tar -rf evil.tar link && tar -rf evil.tar --transform 's,^extra,link,' extra/x && "
-        "gzip -c evil.tar >bd/cvpack && rm escaped.txt && echo original >abs/abs.txt && "
-        "[ $((($(stat -c %s evil.tar) + 10239) / 10240 / 98)) = 5 ]",
-        "inst bd inst -s", 0,
-        {"!Checking distribution files", "\nUnpacking files: .....\ndone\nSkipping distribution check.\n"},
-        {"test -f inst/distribfilelist", "cmp inst/docs/big.bin big/docs/big.bin", "! test -e escaped.txt",
-         "[ -z \"$(ls outside)\" ]", "[ $(cat abs/abs.txt) = original ]",
-         "[ $(cat \"inst/$S/abs/abs.txt\") = packed ]", "! test -e inst/link/x"}),
+    opened("dots_and_members",
+           R"sh(tree big && head -c 5242880 /dev/urandom >big/docs/big.bin && mkd bd big &&
+             mkdir -p outside abs extra && for f in escaped.txt abs/abs.txt extra/x; do echo packed >$f; done &&
+             gzip -dc bd/cvpack >evil.tar && (cd abs && tar -rPf ../evil.tar ../escaped.txt "$S/abs/abs.txt") &&
+             ln -s "$S/outside" link &&
+             tar -rf evil.tar link && tar -rf evil.tar --transform 's,^extra,link,' extra/x &&
+             gzip -c evil.tar >bd/cvpack && rm escaped.txt && echo original >abs/abs.txt &&
+             [ $((($(stat -c %s evil.tar) + 10239) / 10240 / 98)) = 5 ])sh",
+           "inst bd inst -s", 0,
+           {"!Checking distribution files", "\nUnpacking files: .....\ndone\nSkipping distribution check.\n"},
+           {"test -f inst/distribfilelist", "cmp inst/docs/big.bin big/docs/big.bin", "! test -e escaped.txt",
+            R"sh([ -z "$(ls outside)" ])sh", "[ $(cat abs/abs.txt) = original ]",
+            R"sh([ $(cat "inst/$S/abs/abs.txt") = packed ])sh", "! test -e inst/link/x"}),
     Case{"failed_run_cleans_up",
-         "cp -a \"$D\" second",
+         R"sh(cp -a "$D" second)sh",
          "cd second && ./cvinst -cleanup -post-install",
          "\n",
          1,
@@ -251,7 +256,7 @@ E2E_CASES(
     Case{
         "unattended",
         "",
-        "cd \"$D\" && ./cvinst -d -v",
+        R"sh(cd "$D" && ./cvinst -d -v)sh",
         kOpen,
         0,
         {"!" + kBackupQ, "!Starting Corvane", ">>> Looking for files to be backed up:\n", "\ndone\n",
@@ -261,11 +266,14 @@ E2E_CASES(
          ">>> Copying $S/inst/corv.stu to $S/inst/rescue.stu\n", "   Timestamping ",
          ">>> Checking macro list: macroListFile=$S/inst/cmacros.lst\n", kCompiling,
          "$\n" + kStars + "\n*           " + kDone + "              \n" + kStars +
-             "\n\nNOTES:\n1. Type \"$S/inst/bin/cv\" to run Corvane.\n"
-             "2. You may want to add \"$S/inst/bin/\" to your users' PATH.\n"},
+             "\n\nNOTES:\n"
+             R"(1. Type "$S/inst/bin/cv" to run Corvane.)"
+             "\n"
+             R"(2. You may want to add "$S/inst/bin/" to your users' PATH.)"
+             "\n"},
         {"cmp inst/bin/corv.ini corv.ini", "[ $(stat -c %a inst/bin/corv.ini) = 644 ]",
          "[ ! -s inst/uproject.crv ]", "[ $(stat -c %a inst/uproject.crv) = 666 ]",
-         "cmp inst/rescue.stu \"$P/corv.stu\"", "cmp inst/alias.crv \"$P/\\$alias.crv\"",
+         R"sh(cmp inst/rescue.stu "$P/corv.stu")sh", R"sh(cmp inst/alias.crv "$P/\$alias.crv")sh",
          "! test -e 'inst/$alias.crv'", "! test -e inst/old", "! test -e inst/tagfiles"},
         {{"$D/setup.ini", "[unattended]\nDestinationDir=$S/inst\nPostInstall=no\n"},
          {"$S/corv.ini",
@@ -276,74 +284,77 @@ E2E_CASES(
           "; Set CORVXNOBLINK to 1 to stop blinking cursor and reduce network traffic.\n;CORVXNOBLINK=1\n"}}},
     // Asked for the backup, with the directory answered ending in "/": the old files go there, the
     // user's alias file is merged with the shipped one.
-    Case{"backup_answered_slash",
-         "mkdir -p inst/existing",
-         "inst dist inst ",
-         kOpen + "y\n$S/bk3/\n",
-         0,
-         {kBackupQ + kDirForOld, "!Backup directory already exists.\nReplace files [Y]?" + kDirForOld},
-         {"[ \"$(cat bk3/corv.ini)\" = 'old settings' ]", "[ \"$(cat bk3/unixc.api)\" = 'old api' ]",
-          "[ $(ls -A bk3 | wc -l) = 2 ]", "! grep -q old inst/bin/corv.ini", "! test -e 'inst/$alias.crv'",
-          "[ \"$(cat inst/uproject.crv)\" = \"the user's project\" ]",
-          "cmp inst/alias.crv <(printf %s 'see functioncomment here\n'; cat \"$P/\\$alias.crv\")"},
-         {{"$S/inst/bin/corv.ini", "old settings\n"},
-          {"$S/inst/unixc.api", "old api\n"},
-          {"$S/inst/uproject.crv", "the user's project\n"},
-          {"$S/inst/alias.crv", "see functioncomment here\n"}}},
+    Case{
+        "backup_answered_slash",
+        "mkdir -p inst/existing",
+        "inst dist inst ",
+        kOpen + "y\n$S/bk3/\n",
+        0,
+        {kBackupQ + kDirForOld, "!Backup directory already exists.\nReplace files [Y]?" + kDirForOld},
+        {R"sh([ "$(cat bk3/corv.ini)" = 'old settings' ])sh", R"sh([ "$(cat bk3/unixc.api)" = 'old api' ])sh",
+         "[ $(ls -A bk3 | wc -l) = 2 ]", "! grep -q old inst/bin/corv.ini", "! test -e 'inst/$alias.crv'",
+         R"sh([ "$(cat inst/uproject.crv)" = "the user's project" ])sh",
+         R"sh(cmp inst/alias.crv <(printf %s 'see functioncomment here)sh"
+         "\n"
+         R"sh('; cat "$P/\$alias.crv"))sh"},
+        {{"$S/inst/bin/corv.ini", "old settings\n"},
+         {"$S/inst/unixc.api", "old api\n"},
+         {"$S/inst/uproject.crv", "the user's project\n"},
+         {"$S/inst/alias.crv", "see functioncomment here\n"}}},
     // The list's last line needs no line feed.
-    macros("batch", "printf 'main.e\\nkeys.e' >t/cmacros.lst",
+    macros("batch", R"sh(printf 'main.e\nkeys.e' >t/cmacros.lst)sh",
            {kCompiling, ">>> Compiling macros: command='$S/m m/bin/'cvtw '$S/m m/macros/'main.e -L keys.e\n"},
            {"main.e", "keys.e"}, "tags.ex search.ex", "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]",
            false),
     macros("batch_fails_one_by_one",
-           "printf 'main.e\\nbad.e\\n' >t/cmacros.lst && echo 'broken(' >t/macros/bad.e", {kCompiling, kAll},
-           {"main.e", "keys.e", "tags.e", "search.e"}, "bad.ex",
+           R"sh(printf 'main.e\nbad.e\n' >t/cmacros.lst && echo 'broken(' >t/macros/bad.e)sh",
+           {kCompiling, kAll}, {"main.e", "keys.e", "tags.e", "search.e"}, "bad.ex",
            "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][bad.e]", true),
     // Searchable but not readable for uid 65534: sources compile by name, the directory cannot be listed.
     opened("macros_dir_unreadable",
            "tree t && rm t/cmacros.lst && chmod 0311 t/macros && mkd d t && mkdir mine && chown 65534 mine",
-           "nobody d/cvinst -d -post-install -destination-dir \"$S/mine/inst\"", 1,
+           R"sh(nobody d/cvinst -d -post-install -destination-dir "$S/mine/inst")sh", 1,
            {msg("Cannot open convert files in directory $S/mine/inst/macros/."), kAll,
             msg("Cannot open macros directory $S/mine/inst/macros/."), "!" + kDone}));
 
 E2E_CASES(
     Plugin,
     // A relative location is taken from the distribution directory the installer changed into.
-    Case{"plugin_install",
-         kIde + "cp -a \"$B/dist-plugin\" pl",
-         "pl/cvinst -d +post-install",
-         kOpen + "\n\nnowhere\ny\n$S/ide\n\n\n",
-         0,
-         {"!X server", "!Some old global configuration files",
-          "*       Corvane PLUG-IN INSTALLATION PROGRAM        \n", kAgree,
-          "\n" + kStars +
-              "\n* Please specify the location of your Eclipse or \n* Websphere Studio installation.\n*\n" +
-              "* Example: /usr/lib/eclipse202/eclipse\n" + kStars + "\n\nWebSphere or Eclipse location []: ",
-          box("No Eclipse location was given.\n" + kGive),
-          "Try again [Y]? \nWebSphere or Eclipse location []: ",
-          "\n***\nThe Eclipse location is not valid: '/tmp/cvinst-e2e.\n",
-          "/pl/nowhere/eclipse/.eclipseproduct' does not exist.\n" + kGive + "\n***\n",
-          "Try again [Y]? \nWebSphere or Eclipse location []: \nInstall directory [$S/ide/corvplugin/]: "
-          "\nDirectory $S/ide/corvplugin " +
-              kCreate,
-          "\n\n" + kStars + "\n* The Corvane Plug-In requires that the following\n" +
-              "* paths be in your LD_LIBRARY_PATH search path:\n*\n* " + kCore +
-              "/bin/\n* $S/ide/eclipse/\n*\n" + kStars,
-          "$\n" + kStars + "\n*           " + kDone + "              \n" + kStars +
-              "\n\nInstallation of Corvane Plug-In for WebSphere and Eclipse was successful!\n\nNOTES:\n" +
-              "1. Because of the LD_LIBRARY_PATH settings, we recommend starting\n" +
-              "   Eclipse using '$S/ide/eclipse/eclipse-cv'.\n"},
-         {"[ \"$(cd ide/corvplugin/eclipse && ls features plugins | xargs)\" = '" + kLayout + "' ]",
-          "test -f ide/corvplugin/eclipse/features/com.corvane.plugin_10.0.0/feature.xml",
-          "test -f ide/corvplugin/eclipse/plugins/com.corvane.eclipse.plugin_10.0.0/plugin.xml",
-          "test -f " + kCore + "/plugin.xml", "! test -e " + kCore + "/eclipse",
-          "test -L " + kCore + "/bin/cvt", "test -f " + kCore + "/bin/corv.ini",
-          "test -f " + kCore + "/macros/main.ex",
-          "[ \"$(cat ide/eclipse/links/com.corvane.eclipse.plugin.link)\" = \"path=$S/ide/corvplugin\" ]",
-          "[ \"$(cat ide/eclipse/eclipse-cv)\" = \"$(printf '#!/bin/sh\\n\\nLD_LIBRARY_PATH=%s/bin:%s:"
-          "$LD_LIBRARY_PATH %seclipse $*' " +
-              kCore + " $S/ide/eclipse/ $S/ide/eclipse/)\" ]",
-          "[ $(stat -c %a ide/eclipse/eclipse-cv) = 755 ]"}},
+    Case{
+        "plugin_install",
+        kIde + "pldist pl",
+        "pl/cvinst -d +post-install",
+        kOpen + "\n\nnowhere\ny\n$S/ide\n\n\n",
+        0,
+        {"!X server", "!Some old global configuration files",
+         "*       Corvane PLUG-IN INSTALLATION PROGRAM        \n", kAgree,
+         "\n" + kStars +
+             "\n* Please specify the location of your Eclipse or \n* Websphere Studio installation.\n*\n" +
+             "* Example: /usr/lib/eclipse202/eclipse\n" + kStars + "\n\nWebSphere or Eclipse location []: ",
+         box("No Eclipse location was given.\n" + kGive),
+         "Try again [Y]? \nWebSphere or Eclipse location []: ",
+         "\n***\nThe Eclipse location is not valid: '/tmp/cvinst-e2e.\n",
+         "/pl/nowhere/eclipse/.eclipseproduct' does not exist.\n" + kGive + "\n***\n",
+         "Try again [Y]? \nWebSphere or Eclipse location []: \nInstall directory [$S/ide/corvplugin/]: "
+         "\nDirectory $S/ide/corvplugin " +
+             kCreate,
+         "\n\n" + kStars + "\n* The Corvane Plug-In requires that the following\n" +
+             "* paths be in your LD_LIBRARY_PATH search path:\n*\n* " + kCore +
+             "/bin/\n* $S/ide/eclipse/\n*\n" + kStars,
+         "$\n" + kStars + "\n*           " + kDone + "              \n" + kStars +
+             "\n\nInstallation of Corvane Plug-In for WebSphere and Eclipse was successful!\n\nNOTES:\n" +
+             "1. Because of the LD_LIBRARY_PATH settings, we recommend starting\n" +
+             "   Eclipse using '$S/ide/eclipse/eclipse-cv'.\n"},
+        {R"sh([ "$(cd ide/corvplugin/eclipse && ls features plugins | xargs)" = ')sh" + kLayout + "' ]",
+         "test -f ide/corvplugin/eclipse/features/com.corvane.plugin_10.0.0/feature.xml",
+         "test -f ide/corvplugin/eclipse/plugins/com.corvane.eclipse.plugin_10.0.0/plugin.xml",
+         "test -f " + kCore + "/plugin.xml", "! test -e " + kCore + "/eclipse",
+         "test -L " + kCore + "/bin/cvt", "test -f " + kCore + "/bin/corv.ini",
+         "test -f " + kCore + "/macros/main.ex",
+         R"sh([ "$(cat ide/eclipse/links/com.corvane.eclipse.plugin.link)" = "path=$S/ide/corvplugin" ])sh",
+         R"sh([ "$(cat ide/eclipse/eclipse-cv)" = "$(printf '#!/bin/sh\n\nLD_LIBRARY_PATH=%s/bin:%s:$LD_LIBRARY_PATH %seclipse $*' )sh" +
+             kCore + R"sh( $S/ide/eclipse/ $S/ide/eclipse/)" ])sh",
+         "[ $(stat -c %a ide/eclipse/eclipse-cv) = 755 ]"}},
     Case{"links_dir_cannot_be_made",
          kLocked,
          "nobody pl/cvinst -d",

@@ -22,17 +22,17 @@ const std::string kPluginBanner = "\n*       Corvane PLUG-IN INSTALLATION PROGRA
 
 // One run in $S/<d> per line "d|options|entry|file" of the input: setup.ini holds the entry in the
 // section "unattended", or the whole file with the escapes of printf's %b ("\c" alone: empty).
-const std::string kEach =
-    "while IFS='|' read -r d a e f; do cd \"$S/$d\" && rm -rf \"$S/i\" setup.ini && "
-    "{ [ -z \"$e\" ] || printf '[unattended]\\n%s\\n' \"$e\" >setup.ini; } && "
-    "{ [ -z \"$f\" ] || printf %b \"$f\" >setup.ini; } && ";
+const std::string kEach = R"sh(while IFS='|' read -r d a e f; do
+    cd "$S/$d" && rm -rf "$S/i" setup.ini &&
+    { [ -z "$e" ] || printf '[unattended]\n%s\n' "$e" >setup.ini; } &&
+    { [ -z "$f" ] || printf %b "$f" >setup.ini; } && )sh";
 
 // The distribution directory from the name the installer was started by, found along PATH and
 // seen in the verbose trace: the run ends at the pause, or for want of a distribution.
 Case locate(Str name, Str path, Lines out, bool found, bool changes = false) {
     if (!changes) out.insert(out.begin(), "!Changing to directory");
     out.push_back(found ? kBanner : "!INSTALLATION PROGRAM");
-    return {name, "", "export PATH=" + path + "; exec -a cvinst \"$D/cvinst\" -v -d -post-install",
+    return {name, "", "export PATH=" + path + R"sh(; exec -a cvinst "$D/cvinst" -v -d -post-install)sh",
             "",   1,  out};
 }
 std::string traced(Str text) {
@@ -54,8 +54,8 @@ E2E_CASES(
     CommandLine,
     // Also without a package; "-?" or "-h" ends the parsing.
     Case{"help",
-         "cp -a \"$D\" e && rm e/cvpack",
-         "e/cvinst -h && e/cvinst -v '-?' -destination-dir \"$S/inst\" -h -bogus",
+         R"sh(cp -a "$D" e && rm e/cvpack)sh",
+         R"sh(e/cvinst -h && e/cvinst -v '-?' -destination-dir "$S/inst" -h -bogus)sh",
          "",
          0,
          {"=" + kUsage + kUsage},
@@ -67,49 +67,53 @@ E2E_CASES(
     // comment, the last value of the first such section, a trailing blank kept and a final Ctrl-Z
     // not. No preset from other sections, a name that only begins alike, blanks in the key, a
     // comment, entries behind the section, an empty file.
-    Case{
-        "presets",
-        "",
-        "L='a b c d e f x y asked p?1? p2 dist/rel dist/fromargs'; " + kEach +
-            "eval \"./cvinst -d -post-install $a\" <<<$'\\nyes\\n'\"$S/asked\"$'\\ny' >../o; echo $? "
-            "$(grep -c 'Install directory \\[\\|Create \\[Y\\]?' ../o) "
-            "$(cd .. && ls -d $L 2>/dev/null | tr '\\n' '|'); (cd .. && rm -rf $L); done",
-        "dist|-destination-dir $S/a\n"
-        "dist|-destination-dir $S/x xDESTINATION-Dir $S/e\n"
-        "dist|-destination-dir\n"
-        "dist|-backup-dir -destination-dir $S/f\n"
-        "dist|-destination-dir rel\n"
-        "dist|bogus -x + - ''\n"
-        "dist|||; answers\\n  \\t[UNATTENDED]\\r\\r\\n\\n \\t destinationDIR=$S/x\\rDestinationDir=$S/p 1 \\n"
-        "[unattended]\\nDestinationDir=$S/y\\n\n"
-        "dist|||[unattended]\\nDestinationDir=$S/p2\\x1a\n"
-        "dist|-destination-dir fromargs|DestinationDir=$S/x\n"
-        "dist|||[other]\\nDestinationDir=$S/a\\n[unattendedx]\\nDestinationDir=$S/b\\n[unattended]\\n"
-        "DestinationDir = $S/c\\n; DestinationDir=$S/d\\nPostInstall=no\\n[other]\\nDestinationDir=$S/e\\n\n"
-        "dist|||\\c\n",
-        0,
-        {"=0 0 a|\n0 0 e|\n0 2 asked|\n0 0 f|\n0 0 dist/rel|\n0 2 asked|\n0 0 p 1 |\n0 0 p2|\n"
-         "0 0 dist/fromargs|\n0 2 asked|\n0 2 asked|\n"}});
+    Case{"presets",
+         "",
+         "L='a b c d e f x y asked p?1? p2 dist/rel dist/fromargs'; " + kEach +
+             R"sh(eval "./cvinst -d -post-install $a" <<<$'\nyes\n'"$S/asked"$'\ny' >../o
+                 echo $? $(grep -c 'Install directory \[\|Create \[Y\]?' ../o) $(cd .. && ls -d $L 2>/dev/null | tr '\n' '|')
+                 (cd .. && rm -rf $L); done)sh",
+         "dist|-destination-dir $S/a\n"
+         "dist|-destination-dir $S/x xDESTINATION-Dir $S/e\n"
+         "dist|-destination-dir\n"
+         "dist|-backup-dir -destination-dir $S/f\n"
+         "dist|-destination-dir rel\n"
+         "dist|bogus -x + - ''\n"
+         // The whole files, in printf's %b escapes.
+         R"(dist|||; answers\n  \t[UNATTENDED]\r\r\n\n \t destinationDIR=$S/x\rDestinationDir=$S/p 1 \n)"
+         R"([unattended]\nDestinationDir=$S/y\n)"
+         "\n"
+         R"(dist|||[unattended]\nDestinationDir=$S/p2\x1a)"
+         "\n"
+         "dist|-destination-dir fromargs|DestinationDir=$S/x\n"
+         R"(dist|||[other]\nDestinationDir=$S/a\n[unattendedx]\nDestinationDir=$S/b\n[unattended]\n)"
+         R"(DestinationDir = $S/c\n; DestinationDir=$S/d\nPostInstall=no\n[other]\nDestinationDir=$S/e\n)"
+         "\n"
+         R"(dist|||\c)"
+         "\n",
+         0,
+         {"=0 0 a|\n0 0 e|\n0 2 asked|\n0 0 f|\n0 0 dist/rel|\n0 2 asked|\n0 0 p 1 |\n0 0 p2|\n"
+          "0 0 dist/fromargs|\n0 2 asked|\n0 2 asked|\n"}});
 
 E2E_CASES(
     AnswersFile,
     // The shipped installer ignores an agreement accepted in advance; a copy ($S/p) patched at the
     // build-time marker, which must be there exactly once, skips the banner, the pause and the
     // agreement: 1 line of theirs and the completion instead of 4.
-    Case{"eula_bypass",
-         "cp -a \"$D\" p && "
-         "perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; END { exit($n != 1) }' p/cvinst",
-         kEach + "./cvinst -d -post-install -destination-dir \"$S/i\" $a <<<$'\\nyes' >../o; echo $? " +
-             "$(grep -c 'INSTALLATION PROGRAM\\|<ENTER> to continue\\|license terms?\\|SUCCESSFULLY' ../o) " +
-             "$(ls -d ../i); done",
-         "dist|+accept-eula|AcceptEula=yes\n"
-         "p|+accept-eula|\n"
-         "p||acceptEULA=ENABLED\n"
-         "p||AcceptEula=no\n"
-         "p||AcceptEula = yes\n"
-         "p|-accept-eula|AcceptEula=yes\n",
-         0,
-         {"=0 4 ../i\n0 1 ../i\n0 1 ../i\n0 4 ../i\n0 4 ../i\n0 4 ../i\n"}});
+    Case{
+        "eula_bypass",
+        R"sh(cp -a "$D" p && perl -0777 -pi -e '$n = s/EnableBypasEula#0/EnableBypasEula#1/g; END { exit($n != 1) }' p/cvinst)sh",
+        kEach + R"sh(./cvinst -d -post-install -destination-dir "$S/i" $a <<<$'\nyes' >../o
+                      echo $? $(grep -c 'INSTALLATION PROGRAM\|<ENTER> to continue\|license terms?\|SUCCESSFULLY' ../o) $(ls -d ../i)
+                      done)sh",
+        "dist|+accept-eula|AcceptEula=yes\n"
+        "p|+accept-eula|\n"
+        "p||acceptEULA=ENABLED\n"
+        "p||AcceptEula=no\n"
+        "p||AcceptEula = yes\n"
+        "p|-accept-eula|AcceptEula=yes\n",
+        0,
+        {"=0 4 ../i\n0 1 ../i\n0 1 ../i\n0 4 ../i\n0 4 ../i\n0 4 ../i\n"}});
 
 E2E_CASES(
     Locate,
@@ -125,11 +129,11 @@ E2E_CASES(
     // first does not decide: each run shows the banner of the winner, which then goes. Without any
     // package, and beside packages in upper case ($S/b), the run ends with the message.
     Case{"package_order",
-         "for d in a b; do cp -a \"$D\" $d && rm $d/cvpack; done && for p in " + kRanked +
-             "; do cp \"$D/cvpack\" a/$p; r=\"$p $r\"; done && for p in $r; do cp \"$D/cvpack\" b/$p; done",
-         "for d in a b; do cd \"$S/$d\"; for p in " + kRanked +
-             "; do \"$S/$d/cvinst\" </dev/null | grep 'INSTALLATION PROGRAM'; rm $p; done; " +
-             "[ $d = b ] && cp \"$D/cvpack\" CVPACK && cp CVPACK CvPackEp; \"$S/$d/cvinst\"; done",
+         R"sh(for d in a b; do cp -a "$D" $d && rm $d/cvpack; done && for p in )sh" + kRanked +
+             R"sh(; do cp "$D/cvpack" a/$p; r="$p $r"; done && for p in $r; do cp "$D/cvpack" b/$p; done)sh",
+         R"sh(for d in a b; do cd "$S/$d"; for p in )sh" + kRanked +
+             R"sh(; do "$S/$d/cvinst" </dev/null | grep 'INSTALLATION PROGRAM'; rm $p; done
+              [ $d = b ] && cp "$D/cvpack" CVPACK && cp CVPACK CvPackEp; "$S/$d/cvinst"; done)sh",
          "",
          1,
          {"=" + kWon + kPluginWon + kWon + kPluginWon + kWon + missingPackage("a") + kWon + kPluginWon +

@@ -21,30 +21,6 @@
 
 namespace {
 
-// Helpers for the command lines. The sandbox is $S, the distribution $D, the demo payloads $P
-// and $PP, the build directory $B (with dist-plugin/), the built $I, $MK and $MSG.
-const char kPrelude[] = R"SH(cd "$S"; D=$S/dist; B=${MSG%/*}
-T='uname cp mv rm mkdir tar uncompress chgrp chown touch more'
-cvinst() { "$D/cvinst" "$@"; }
-q() { cvinst -d -post-install "$@"; }
-inst() { "$S/$1/cvinst" -d -post-install -destination-dir "$S/$2" "${@:3}"; }
-mkd() { "$MK" --payload "${2:-$P}" --package "${3:-cvpack}" --out "$S/$1" --installer "$I" --messages "$MSG" \
-  --license "$P/license.txt" --allow-incomplete >/dev/null; }
-tree() { cp -a "${2:-$P}" "$S/$1" && find "$S/$1" -exec touch -h -d 2020-01-01 {} +; }
-tard() { cp -a "$D" "$S/$1" && tar -C "$2" -cf - . | gzip -c >"$S/$1/cvpack"; }
-nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
-mnt() { mkdir -p "$1" && mount -t tmpfs -o "$2" tmpfs "$1" 2>/dev/null ||
-  { echo "skip: mounting a tmpfs is not permitted here"; exit 77; }; }
-sock() { perl -MIO::Socket::UNIX -e 'IO::Socket::UNIX->new(Local => $ARGV[0], Listen => 1) or die' "$1"; }
-tools() { local d=$S/$1 t; shift; mkdir -p "$d"; for t; do ln -s "$(command -v "$t")" "$d/$t"; done; }
-intact() { (cd "$S/$1" && ! find . -type f ! -name '$alias.crv' ! -exec cmp -s {} "$S/$2/{}" \; -print | grep -q .); }
-xvfb() { local x i; command -v Xvfb >/dev/null || { echo "skip: Xvfb is not installed"; exit 77; }
-  Xvfb -displayfd 3 -nolisten tcp 3>"$S/.display" </dev/null >/dev/null 2>&1 & x=$!
-  for i in $(seq 200); do [ -s "$S/.display" ] || sleep 0.05; done
-  [ -s "$S/.display" ] || { echo "skip: Xvfb could not be started"; exit 77; }
-  export DISPLAY=:$(cat "$S/.display"); rm "$S/.display"; trap "kill $x; wait $x" EXIT; }
-)SH";
-
 // Exit status (128 + n after signal n, -1 after the time limit), standard output and error.
 struct RunResult {
     int status = 0;
@@ -81,7 +57,7 @@ void failStatfs(int error) {
     if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) _exit(125);
 }
 
-// Runs bash with the prelude and the command in the sandbox, in a process group of its own that
+// Runs bash with the helpers and the command in the sandbox, in a process group of its own that
 // is killed afterwards, with the input on standard input and the output in files beside the sandbox.
 RunResult run(Str sandbox, Str command, Str input = "", int statfsErrno = 0) {
     Lines env = {"PATH=/usr/local/bin:/usr/bin:/bin", "HOME=" + sandbox, "LANG=C", "S=" + sandbox};
@@ -91,7 +67,8 @@ RunResult run(Str sandbox, Str command, Str input = "", int statfsErrno = 0) {
     for (size_t i = 0; i < 5; i++) env.push_back(names[i] + std::string(built[i]));
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
-    std::string script = kPrelude + command;
+    // The helpers of tests/lib.sh first, then the command.
+    std::string script = "source " + shq(CVINST_TEST_LIB) + " || exit 125\n" + command;
     std::vector<char*> argv = {const_cast<char*>("bash"), const_cast<char*>("-c"), script.data(), nullptr};
     std::vector<char*> envp;
     for (std::string& entry : env) envp.push_back(entry.data());

@@ -1,6 +1,7 @@
 // End-to-end harness. Every case is a row of a table: bash command lines run in a fresh sandbox
 // that holds a copy of the demo distribution, then the output and the files left behind are
-// checked. The helpers that the command lines use are in the prelude of harness.cpp.
+// checked. The shell functions that the command lines use (tree, tard, inst, ...) are in
+// tests/lib.sh, which is sourced before each of them.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -40,9 +41,6 @@ inline const std::string kCreate = "does not exist. Create [Y]? ";
 inline const std::string kDone = "INSTALLATION SUCCESSFULLY COMPLETED";
 inline const std::string kStars(61, '*');
 inline const std::string kOpen = "\nyes\n";  // Enter at the pause, "yes" to the agreement
-// A stand-in Eclipse in $S/ide/eclipse, and the plug-in distribution copied to $S/pl.
-inline const std::string kEclipse =
-    "mkdir -p ide/eclipse && echo >ide/eclipse/.eclipseproduct && cp -a \"$B/dist-plugin\" pl";
 // Input of a whole interactive run into dir, created on the question.
 inline std::string answers(const std::string& dir) {
     return kOpen + dir + "\ny\n";
