@@ -1,5 +1,6 @@
-// End-to-end: the message compiler's commands and failures, and the backup of an earlier
-// installation's files where the backup directory exists already or a file leads out of it.
+// End-to-end: the message compiler's commands and failures, cvmkdist's exit statuses, an installer
+// started without PATH, and the backup of an earlier installation's files where the backup
+// directory exists already or a file leads out of it.
 #include "tests/harness.h"
 
 namespace {
@@ -12,6 +13,10 @@ Case cvbc(Str name, Str command, int status, Str out) {
             "",
             status,
             {out}};
+}
+// A command run in the sandbox with nothing on its input.
+Case run(Str name, Str command, int status, const Lines& out) {
+    return {name, "", command, "", status, out};
 }
 // An installation over the earlier one in $S/inst, whose bin/corv.ini is backed up.
 Case backup(Str name, Str setup, Str input, const Lines& out, const Lines& checks) {
@@ -34,6 +39,12 @@ E2E_CASES(Coverage,
                "=[stderr]\ncvbc: cannot write no/m.cvb: No such file or directory\n"),
           cvbc("cvbc_dump_output_closed", R"sh("$C" compile m.msg m.cvb && "$C" dump m.cvb >&-)sh", 1,
                "=[stderr]\ncvbc: cannot write the dump\n"),
+          // cvmkdist's status: 0 for the usage asked for, 1 for an argument it does not know.
+          run("mkdist_statuses",
+              R"sh("$MK" --help >/dev/null; echo $?; "$MK" --bogus 2>/dev/null; echo $?)sh", 0, {"=0\n1\n"}),
+          // Without a PATH variable no tool is found, and the installer says so.
+          opened("no_path_variable", "", R"sh(env -u PATH "$D/cvinst" -d -post-install)sh", 1,
+                 {kPause, msg("'uname' is not found in your PATH.")}),
           // The default backup directory is there and not to be replaced: the question comes again.
           backup("backup_directory_exists", "mkdir -p inst/old", "\nn\n$S/bk\n",
                  {kBackupQ, "Backup directory already exists.\nReplace files [Y]?"},
