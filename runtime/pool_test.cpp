@@ -115,6 +115,36 @@ TEST_F(PoolTest, CarvingMergingAndGrowing) {
     EXPECT_EQ(word(alloc(64), 8) >> 2, 72u);  // the size in its header
 }
 
+// The sizes are clamped at construction; a null release is refused. Sized blocks keep their bytes
+// when reallocated; library releases are ignored while the process shuts down, so a block released
+// then is not handed out again.
+TEST_F(PoolTest, LimitsNullReleaseAndShutdown) {
+    const struct {
+        uint32_t maxPooled, blockSize, maxAfter, blockAfter;
+    } rows[] = {{4, 100000, 8, 65536}, {40000, 8192, 32768, 8192}};
+    for (const auto& r : rows) {
+        make(r.maxPooled, r.blockSize);
+        EXPECT_EQ(pool->maxPooledSize(), r.maxAfter);
+        EXPECT_EQ(pool->blockSize(), r.blockAfter);
+    }
+    EXPECT_EQ(pool->release(nullptr), -3073);
+    EXPECT_EQ(pool->blocksAllocated(), 0u);
+    char* m = static_cast<char*>(memRealloc(nullptr, 3));
+    std::memcpy(m, "abc", 3);
+    m = static_cast<char*>(memRealloc(m, 100));
+    EXPECT_EQ(memCapacity(m), 100u);
+    EXPECT_EQ(std::string(m, 3), "abc");
+    memFree(m);
+    void* kept = libAlloc(40);
+    libSetShuttingDown(true);
+    libFree(kept);
+    libSetShuttingDown(false);
+    void* next = libAlloc(40);
+    EXPECT_NE(next, kept);
+    libFree(next);
+    libFree(kept);
+}
+
 TEST_F(PoolTest, MixedOperationsKeepEveryChunkIntact) {
     make(256, 4096);
     struct Live {
