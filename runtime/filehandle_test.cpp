@@ -131,6 +131,7 @@ int inChild(const std::function<int32_t()>& body) {
 TEST_F(FileTest, HandleTableAndReaderLocks) {
     std::string path = put("many", "x");
     std::vector<int32_t> handles;
+    handles.reserve(250);
     for (int i = 0; i < 250; ++i) handles.push_back(fileOpen(path.c_str(), 0));
     EXPECT_EQ(handles.back(), handles.front() + 249);
     EXPECT_EQ(fileClose(handles[10], -1), 0);

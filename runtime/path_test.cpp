@@ -25,26 +25,26 @@ TEST(PathText, EnvironmentSnapshot) {
 TEST(PathText, BoundedStringsAndParts) {
     const struct {
         char op;  // c copy, a append, or a pathPart letter
-        const char* in;
         int32_t size;
+        const char* in;
         const char* out;
     } rows[] = {
-        {'c', "abcdef", 4, "abc"},
-        {'c', "abcdef", 1, ""},
-        {'c', "abcdef", 0, ""},
-        {'a', "abc|def", 5, "abcd"},
-        {'a', "abcd|x", 5, "abcd"},
-        {'a', "ab|cd", 5, "abcd"},
-        {'a', "ab|cd", 0, "ab"},
-        {'P', "/a/b.c", 0, "b.c"},
-        {'N', "/a/b.c", 0, "/a/"},
-        {'E', "/a.d/b.tar.gz", 0, "/a.d/b.tar"},
-        {'E', "/a.d/b", 0, "/a.d/b"},
-        {'E', "x.abcdefghijklmnopqrstuvw", 0, "x.abcd"},  // only 19 characters of the extension go
-        {'B', "C:\\dir\\b.c", 0, "b"},
-        {'D', "C:/x", 0, "/x"},
-        {'D', "/x:", 0, "/x:"},
-        {'Q', "/x", 0, "/x"},
+        {'c', 4, "abcdef", "abc"},
+        {'c', 1, "abcdef", ""},
+        {'c', 0, "abcdef", ""},
+        {'a', 5, "abc|def", "abcd"},
+        {'a', 5, "abcd|x", "abcd"},
+        {'a', 5, "ab|cd", "abcd"},
+        {'a', 0, "ab|cd", "ab"},
+        {'P', 0, "/a/b.c", "b.c"},
+        {'N', 0, "/a/b.c", "/a/"},
+        {'E', 0, "/a.d/b.tar.gz", "/a.d/b.tar"},
+        {'E', 0, "/a.d/b", "/a.d/b"},
+        {'E', 0, "x.abcdefghijklmnopqrstuvw", "x.abcd"},  // only 19 characters of the extension go
+        {'B', 0, "C:\\dir\\b.c", "b"},
+        {'D', 0, "C:/x", "/x"},
+        {'D', 0, "/x:", "/x:"},
+        {'Q', 0, "/x", "/x"},
     };
     for (const auto& r : rows) {
         char out[64];

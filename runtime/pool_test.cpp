@@ -130,7 +130,7 @@ TEST_F(PoolTest, LimitsNullReleaseAndShutdown) {
     EXPECT_EQ(pool->release(nullptr), -3073);
     EXPECT_EQ(pool->blocksAllocated(), 0u);
     char* m = static_cast<char*>(memRealloc(nullptr, 3));
-    std::memcpy(m, "abc", 3);
+    std::string("abc").copy(m, 3);
     m = static_cast<char*>(memRealloc(m, 100));
     EXPECT_EQ(memCapacity(m), 100u);
     EXPECT_EQ(std::string(m, 3), "abc");
