@@ -110,6 +110,16 @@ TEST_F(PoolTest, CarvingMergingAndGrowing) {
     pool->release(a);
     EXPECT_EQ(resize(b, 64), a);
 
+    // Two free chunks of one size apart from each other: one list, both counted.
+    make(64, 8192);
+    a = alloc(16);
+    EXPECT_NE(alloc(8), nullptr);
+    b = alloc(16);
+    EXPECT_NE(alloc(8), nullptr);
+    pool->release(a);
+    pool->release(b);
+    EXPECT_EQ(lists(), "1/9|1:16/2 8:8096/1 ");
+
     // The first chunk of a block leaves a free rest only when that gets 8 bytes or more.
     make(64, 88);
     EXPECT_EQ(word(alloc(64), 8) >> 2, 72u);  // the size in its header

@@ -45,10 +45,12 @@ E2E_CASES(Coverage,
           // Without a PATH variable no tool is found, and the installer says so.
           opened("no_path_variable", "", R"sh(env -u PATH "$D/cvinst" -d -post-install)sh", 1,
                  {kPause, msg("'uname' is not found in your PATH.")}),
-          // The default backup directory is there and not to be replaced: the question comes again.
+          // The default backup directory is there: replaced, or not, and then the question comes again.
           backup("backup_directory_exists", "mkdir -p inst/old", "\nn\n$S/bk\n",
                  {kBackupQ, "Backup directory already exists.\nReplace files [Y]?"},
                  {kBackedUp, "! test -e inst/old/corv.ini"}),
+          backup("backup_directory_replaced", "mkdir -p inst/old", "\n\n", {kBackupQ},
+                 {R"sh([ "$(cat inst/old/corv.ini)" = 'old settings' ])sh"}),
           // A file of the earlier installation that is a link out of it is not copied.
           backup("backup_link_out_refused",
                  R"sh(mkdir inst && echo x >out && ln -s "$S/out" inst/corv.stu)sh", "$S/bk\n", {kBackupQ},
