@@ -36,6 +36,9 @@ TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
     // Library blocks: headers up to 512 (the block size + 8, rounded up to 8) come from the small pool.
     void* small = libAlloc(504);
     EXPECT_EQ(word(small, 4), 512u);
+    void* tiny = libAlloc(1);
+    EXPECT_EQ(word(tiny, 4), 16u);  // 1 + 8 rounded up to 8
+    libFree(tiny);
     std::memset(small, 0x5a, memCapacity(small));  // the whole capacity is usable
     libFree(small);
     char* p = static_cast<char*>(libAlloc(10));
