@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+
+#include "runtime/path.h"
 
 namespace {
 
@@ -52,6 +55,19 @@ TEST(Console, WrapAndProgress) {
     printBoxed("%s", fieldOf("left|right", 2, '|'));  // the field's text can be handed on
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               s(72, 'p') + "\r50% done" + s(64, ' ') + "\r\n***\nright\n***\n");
+}
+
+// An answer loses every line end behind it, a CR LF as well as an LF; nothing else.
+TEST(Console, TrimLine) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"a\r\n", "a"}, {"a\n\n", "a"}, {"a\r", "a"}, {"a \n", "a "}, {"a", "a"}, {"", ""},
+    };
+    for (const auto& r : rows) {
+        char text[16];
+        strCopyBounded(text, r.first, sizeof text);
+        trimLine(text);
+        EXPECT_STREQ(text, r.second) << r.first;
+    }
 }
 
 }  // namespace

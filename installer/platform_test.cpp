@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "installer/state.h"
 
@@ -68,6 +69,22 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         {"", "SCO_SV;-r=3.2", "-r=5.0", 0, kOsSco, "5", "0"},  // the release comes from "name -r"
         // The override wins over uname; its type is found without regard to case.
         {"Linux-2-4", kSolarisX86, "", 0, kOsLinux, "2", "4"},
+        {"BeOS-1-2", "Linux;-r=6.1", "", 20, 99, "v", "r"},
+        {"", "HP-UX;-r=B.11.00", "", 0, kOsHpux, "11", "00"},
+        {"", "OSF1;-r=V5.1", "", 0, kOsDigitalUnix, "5", "1"},
+        {"", "IRIX;-r=6.5", "", 0, kOsIrix, "6", "5"},
+        {"", "Plan9", "", 12, 99, "v", "r"},
+        {"", nullptr, "", 1, 99, "v", "r"},
+        // A release that cannot be queried is "0" for the systems that need one, an error for AIX.
+        {"", "Linux", "", 9999, kOsLinux, "0", "0"},
+        {"", "HP-UX", "", 9999, kOsHpux, "0", "0"},
+        {"", "OSF1", "", 9999, kOsDigitalUnix, "0", "0"},
+        {"", "IRIX", "", 9999, kOsIrix, "0", "0"},
+        {"", "OS/390;-v=03", "", 9999, kOsOs390, "0", "0"},
+        {"", "SCO_SV", "", 9999, kOsSco, "0", "0"},
+        {"", "AIX", "", 5, kOsAix, "v", "r"},
+        {"", "AIX;-v=4", "", 6, kOsAix, "4", "r"},
+        {"", "SunOS", "", 8, 99, "v", "r"},
     };
     for (const auto& r : rows) {
         fake("uname", r.uname);
@@ -83,6 +100,14 @@ TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {
         EXPECT_EQ(gState.osVersion, r.version) << what;
         EXPECT_EQ(gState.osRelease, r.release) << what;
     }
+}
+
+TEST(PlatformNames, ByCode) {
+    const std::pair<int32_t, const char*> rows[] = {
+        {kOsUnknown, "unknown"},          {kOsLinux, "Linux"}, {kOsSco, "SCO OpenServer"},
+        {kOsDigitalUnix, "Digital Unix"}, {11, "unknown"},     {-1, "unknown"},
+    };
+    for (const auto& r : rows) EXPECT_STREQ(osDisplayName(r.first), r.second) << r.first;
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include <fstream>
 #include <string>
 #include <utility>
@@ -42,6 +44,7 @@ TEST(MessageTest, LookupMarkersAndOverride) {
         {-13, "100%%"},
         {-15, "%s0 and %s9"},
         {-16, "ends in %s"},
+        {-17, "%d %s1"},
     });
     setMessageFile((std::string(dir) + "/").c_str(), "test.cvb");
     reloadMessageFile();
@@ -60,6 +63,9 @@ TEST(MessageTest, LookupMarkersAndOverride) {
         {9, -15, "nine", "zero and nine"},
         {10, -15, "ignored", "zero and nine"},
         {kKeep, -16, "", "ends in %s<index> index too large"},
+        {1, -17, nullptr, "%d (null)"},  // a lone "%" stays; a null argument is said so
+        {kKeep, -14, "", "Error"},       // a gap in the table
+        {kKeep, -99, "", "Error"},       // beyond the table
     };
     for (const auto& r : rows) {
         if (r.slot != kKeep) setMessageArg(uint32_t(r.slot), r.arg);
@@ -68,6 +74,9 @@ TEST(MessageTest, LookupMarkersAndOverride) {
     setMessageOverride(-2, "busy %s1 100%%");  // given verbatim
     EXPECT_STREQ(getMessage(-2), "busy %s1 100%%");
     setMessageOverride(1, "");
+    char program[512];
+    EXPECT_EQ(getProgramDirectory(program, path.c_str()), int32_t(std::strlen(dir)) + 1);
+    EXPECT_EQ(std::string(program), std::string(dir) + "/");
     unlink(path.c_str());
     rmdir(dir);
 }

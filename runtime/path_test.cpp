@@ -20,6 +20,56 @@ TEST(PathText, EnvironmentSnapshot) {
     EXPECT_STREQ(envGet("CVRT_PATHTEST_PROBE"), "a=b=c");
 }
 
+// Bounded copies and appends, and the parts of a path; "|" in a row's input separates the two
+// texts of an append.
+TEST(PathText, BoundedStringsAndParts) {
+    const struct {
+        char op;  // c copy, a append, or a pathPart letter
+        int32_t size;
+        const char* in;
+        const char* out;
+    } rows[] = {
+        {'c', 4, "abcdef", "abc"},
+        {'c', 1, "abcdef", ""},
+        {'c', 0, "abcdef", ""},
+        {'a', 5, "abc|def", "abcd"},
+        {'a', 5, "abcd|x", "abcd"},
+        {'a', 5, "ab|cd", "abcd"},
+        {'a', 0, "ab|cd", "ab"},
+        {'P', 0, "/a/b.c", "b.c"},
+        {'N', 0, "/a/b.c", "/a/"},
+        {'E', 0, "/a.d/b.tar.gz", "/a.d/b.tar"},
+        {'E', 0, "/a.d/b", "/a.d/b"},
+        {'E', 0, "x.abcdefghijklmnopqrstuvw", "x.abcd"},  // only 19 characters of the extension go
+        {'B', 0, "C:\\dir\\b.c", "b"},
+        {'D', 0, "C:/x", "/x"},
+        {'D', 0, "/x:", "/x:"},
+        {'Q', 0, "/x", "/x"},
+    };
+    for (const auto& r : rows) {
+        char out[64];
+        std::string in = r.in;
+        size_t bar = in.find('|');
+        if (r.op == 'c') {
+            strCopyBounded(out, r.in, r.size);
+        } else if (r.op == 'a') {
+            strCopyBounded(out, in.substr(0, bar).c_str(), sizeof out);
+            strAppendBounded(out, in.substr(bar + 1).c_str(), r.size);
+        } else {
+            strCopyBounded(out, r.in, sizeof out);
+            pathPart(out, r.op);
+        }
+        EXPECT_STREQ(out, r.out) << r.op << " " << r.in << " " << r.size;
+    }
+    char ext[4];
+    pathExtension("d.x/name.long", ext, sizeof ext);
+    EXPECT_STREQ(ext, ".lo");
+    EXPECT_EQ(pathLastChar(""), 32);
+    EXPECT_EQ(pathLastChar("a/"), '/');
+    EXPECT_EQ(pathDirLength("a/b\\c"), 4);
+    EXPECT_EQ(envGet("CVRT_PATHTEST_NO_SUCH_VARIABLE"), nullptr);
+}
+
 std::string physicalCwd() {
     char buf[PATH_MAX];
     return getcwd(buf, sizeof buf) ? buf : "";
@@ -74,6 +124,22 @@ TEST_F(PathTest, CurrentDirectoryAndExistence) {
     EXPECT_EQ(entryExists("t/"), 1);
 }
 
+// One empty directory at a time; a directory the process is in that is removed has no name.
+TEST_F(PathTest, RemovedDirectories) {
+    ASSERT_EQ(system(("cd " + tmp_ + " && mkdir -p e full/x").c_str()), 0);
+    EXPECT_EQ(removeDirectory(at("e/").c_str()), 0);
+    EXPECT_EQ(entryExists(at("e").c_str()), 0);
+    EXPECT_EQ(removeDirectory(at("full").c_str()), -3);  // not empty: no code of its own
+    EXPECT_EQ(removeDirectory(at("e").c_str()), -2);
+    ASSERT_EQ(chdir(at("full/x").c_str()), 0);
+    ASSERT_EQ(rmdir(at("full/x").c_str()), 0);
+    char out[512];
+    EXPECT_EQ(getCurrentDirectory(out, 0, 0), -2);
+    EXPECT_EQ(pathAbsolute(out, "\"q/r\""), -2);
+    EXPECT_STREQ(out, "q/r");
+    ASSERT_EQ(chdir(tmp_.c_str()), 0);
+}
+
 TEST_F(PathTest, AbsolutePathsAndLinkResolution) {
     ASSERT_EQ(changeDirectory(at("sublink").c_str()), 0);  // logically through a link
     // noFollow -1 stands for pathAbsolute; "@" is the temporary directory.
@@ -87,8 +153,18 @@ TEST_F(PathTest, AbsolutePathsAndLinkResolution) {
         {"/no/such/dir/z", -1, "/no/such/dir/z"},
         {"a/./b/../c", 1, "@/sublink/a/c"},
         {"/..", 1, "/"},
+        {"/x/y/../", 1, "/x/"},  // a trailing "/" stays, behind the shorter path
         {"../a/link", 0, "@/b/file"},
+        {"../none/z", -1, "@/sub/../none/z"},  // a directory that cannot be entered stays as given
+        {"../chain7_1", 0, "@/target"},
+        {"../chain8_1", 0, "@/chain8_1"},  // eight links are too many: left as it is
     };
+    for (int n : {7, 8})
+        for (int i = 1; i <= n; ++i) {
+            std::string next = i == n ? "target" : "chain" + std::to_string(n) + "_" + std::to_string(i + 1);
+            ASSERT_EQ(
+                symlink(next.c_str(), at("chain" + std::to_string(n) + "_" + std::to_string(i)).c_str()), 0);
+        }
     for (const auto& r : rows) {
         char out[512];
         std::string in = expand(r.in);
@@ -114,6 +190,13 @@ TEST_F(PathTest, SearchAlongAList) {
     EXPECT_EQ(pathSearch(out, "c", d4.c_str(), kList, size), 0);
     EXPECT_EQ(pathSearch(out, (d4 + "/cc").c_str(), nullptr, 0, size), -2);
     EXPECT_STREQ(out, "");
+    // Without the list's variable the name is tried as it is, in the current directory.
+    ASSERT_EQ(changeDirectory(d4.c_str()), 0);
+    EXPECT_EQ(pathSearch(out, "cc", "CVRT_PATHTEST_NO_LIST", 0, 512), 0);
+    EXPECT_STREQ(out, "cc");
+    EXPECT_EQ(pathSearch(out, "cc", "CVRT_PATHTEST_NO_LIST", 0, 2), -2);
+    EXPECT_EQ(pathSearch(out, "t", "CVRT_PATHTEST_NO_LIST", 0, 512), -2);
+    EXPECT_EQ(pathSearch(out, "cc", "CVRT_PATHTEST_NO_LIST", 0, 0), -2);
 }
 
 }  // namespace

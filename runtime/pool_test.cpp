@@ -36,6 +36,9 @@ TEST(Blocks, SizedBlocksBuffersAndLibraryBlocks) {
     // Library blocks: headers up to 512 (the block size + 8, rounded up to 8) come from the small pool.
     void* small = libAlloc(504);
     EXPECT_EQ(word(small, 4), 512u);
+    void* tiny = libAlloc(1);
+    EXPECT_EQ(word(tiny, 4), 16u);  // 1 + 8 rounded up to 8
+    libFree(tiny);
     std::memset(small, 0x5a, memCapacity(small));  // the whole capacity is usable
     libFree(small);
     char* p = static_cast<char*>(libAlloc(10));
@@ -110,9 +113,49 @@ TEST_F(PoolTest, CarvingMergingAndGrowing) {
     pool->release(a);
     EXPECT_EQ(resize(b, 64), a);
 
+    // Two free chunks of one size apart from each other: one list, both counted.
+    make(64, 8192);
+    a = alloc(16);
+    EXPECT_NE(alloc(8), nullptr);
+    b = alloc(16);
+    EXPECT_NE(alloc(8), nullptr);
+    pool->release(a);
+    pool->release(b);
+    EXPECT_EQ(lists(), "1/9|1:16/2 8:8096/1 ");
+
     // The first chunk of a block leaves a free rest only when that gets 8 bytes or more.
     make(64, 88);
     EXPECT_EQ(word(alloc(64), 8) >> 2, 72u);  // the size in its header
+}
+
+// The sizes are clamped at construction; a null release is refused. Sized blocks keep their bytes
+// when reallocated; library releases are ignored while the process shuts down, so a block released
+// then is not handed out again.
+TEST_F(PoolTest, LimitsNullReleaseAndShutdown) {
+    const struct {
+        uint32_t maxPooled, blockSize, maxAfter, blockAfter;
+    } rows[] = {{4, 100000, 8, 65536}, {40000, 8192, 32768, 8192}};
+    for (const auto& r : rows) {
+        make(r.maxPooled, r.blockSize);
+        EXPECT_EQ(pool->maxPooledSize(), r.maxAfter);
+        EXPECT_EQ(pool->blockSize(), r.blockAfter);
+    }
+    EXPECT_EQ(pool->release(nullptr), -3073);
+    EXPECT_EQ(pool->blocksAllocated(), 0u);
+    char* m = static_cast<char*>(memRealloc(nullptr, 3));
+    std::string("abc").copy(m, 3);
+    m = static_cast<char*>(memRealloc(m, 100));
+    EXPECT_EQ(memCapacity(m), 100u);
+    EXPECT_EQ(std::string(m, 3), "abc");
+    memFree(m);
+    void* kept = libAlloc(40);
+    libSetShuttingDown(true);
+    libFree(kept);
+    libSetShuttingDown(false);
+    void* next = libAlloc(40);
+    EXPECT_NE(next, kept);
+    libFree(next);
+    libFree(kept);
 }
 
 TEST_F(PoolTest, MixedOperationsKeepEveryChunkIntact) {

@@ -212,10 +212,19 @@ def source_files(src):
         base = os.path.join(src, top)
         if not os.path.isdir(base):
             continue
-        for name in sorted(os.listdir(base)):
-            if name.endswith(".cpp") and not name.endswith("_test.cpp"):
-                files.append(top + "/" + name)
-    return files
+        # tools/ holds one folder per program: every level is walked.
+        for root, dirs, names in os.walk(base):
+            dirs.sort()
+            for name in sorted(names):
+                if name.endswith(".cpp") and not name.endswith("_test.cpp"):
+                    files.append(os.path.relpath(os.path.join(root, name), src))
+    return sorted(files)
+
+
+def code_lines(path):
+    """Lines of a source file that hold code (not blank, not only a comment)."""
+    masked, _ = mask_source(read_text(path))
+    return sum(1 for m in masked if m.strip())
 
 
 def fault_id(f):
@@ -492,14 +501,41 @@ def cmd_list(args):
 def cmd_sample(args):
     faults = all_faults(args.src)
     rng = random.Random(args.seed)
-    chosen = rng.sample(faults, min(args.size, len(faults)))
+    if args.by_lines:
+        chosen = sample_by_lines(args.src, faults, args.size, rng)
+    else:
+        chosen = rng.sample(faults, min(args.size, len(faults)))
     with open(args.out, "w") as fh:
         fh.write(json.dumps({"kind": "sample", "seed": args.seed, "size": len(chosen),
-                             "candidates": len(faults), "rev": args.rev}) + "\n")
+                             "candidates": len(faults), "rev": args.rev,
+                             "spread": "lines" if args.by_lines else "faults"}) + "\n")
         for f in chosen:
             fh.write(json.dumps(f) + "\n")
     print("sampled %d of %d candidate faults (seed %d) into %s" % (len(chosen), len(faults), args.seed, args.out))
     return 0
+
+
+def sample_by_lines(src, faults, size, rng):
+    """Draws size faults spread over the files in proportion to their lines of code (largest
+    remainder; a file gets at least one when it has candidates), then shuffles them so that a run
+    stopped early has measured a spread of files, not the first few."""
+    by_file = collections.defaultdict(list)
+    for f in faults:
+        by_file[f["file"]].append(f)
+    lines = {rel: code_lines(os.path.join(src, rel)) for rel in by_file}
+    total = sum(lines.values())
+    quota = {rel: max(1, int(size * n / total)) for rel, n in lines.items()}
+    rest = sorted(lines, key=lambda rel: (size * lines[rel] / total) - int(size * lines[rel] / total),
+                  reverse=True)
+    for rel in rest:
+        if sum(quota.values()) >= size:
+            break
+        quota[rel] += 1
+    chosen = []
+    for rel in sorted(by_file):
+        chosen.extend(rng.sample(by_file[rel], min(quota[rel], len(by_file[rel]))))
+    rng.shuffle(chosen)
+    return chosen
 
 
 def load_sample(path):
@@ -548,39 +584,41 @@ def cmd_run(args):
     # What the build directory holds now; whatever a faulty run leaves behind in it (a file a
     # test checks is absent, say) is swept away before the next fault.
     before = snapshot(args.build)
-    by_file = collections.OrderedDict()
-    for f in sample:
-        by_file.setdefault(f["file"], []).append(f)
     total = len(sample)
     count = len(done)
-    for rel, faults in by_file.items():
-        path = os.path.join(args.src, rel)
-        pending = [f for f in faults if f["id"] not in done]
-        if not pending:
-            continue
-        # Every fault is planted in the unchanged text, never on top of the one before it.
-        original = read_text(path) if os.path.exists(path) else None
-        planted_any = False
-        try:
-            for f in pending:
-                count += 1
-                record = measure_one(args, f, path, original, pristine_dir, objects.get(rel, []))
-                swept = sweep(args.build, before)
-                if swept:
-                    record["swept"] = swept
-                planted_any = planted_any or record["status"] != "gone"
-                out.write(json.dumps(record) + "\n")
-                out.flush()
-                print("[%d/%d] %-12s %-8s %s:%s  %s" % (count, total, record["status"], f["rule"],
-                      rel, record.get("lineno", "?"), record.get("detail", "")), flush=True)
-        finally:
-            restore_pristine(args.src, pristine_dir)
-            if planted_any:
-                ok, log = ninja(args.build, args.jobs)
-                if not ok:
-                    sys.stdout.write(log)
-                    print("the restored tree does not build; stopping", flush=True)
-                    return 1
+    # Faults are planted in the order of the sample (a shuffled sample spreads a run stopped early
+    # over the files). Every fault is planted in the unchanged text, never on top of the one
+    # before it; a file is put back when the next fault is in another file, and the build of
+    # that next fault recompiles both.
+    current, original, planted_any = None, None, False
+    try:
+        for f in sample:
+            if f["id"] in done:
+                continue
+            rel = f["file"]
+            path = os.path.join(args.src, rel)
+            if rel != current:
+                restore_pristine(args.src, pristine_dir)
+                current = rel
+                original = read_text(path) if os.path.exists(path) else None
+            count += 1
+            record = measure_one(args, f, path, original, pristine_dir, objects.get(rel, []))
+            swept = sweep(args.build, before)
+            if swept:
+                record["swept"] = swept
+            planted_any = planted_any or record["status"] != "gone"
+            out.write(json.dumps(record) + "\n")
+            out.flush()
+            print("[%d/%d] %-12s %-8s %s:%s  %s" % (count, total, record["status"], f["rule"],
+                  rel, record.get("lineno", "?"), record.get("detail", "")), flush=True)
+    finally:
+        restore_pristine(args.src, pristine_dir)
+        if planted_any:
+            ok, log = ninja(args.build, args.jobs)
+            if not ok:
+                sys.stdout.write(log)
+                print("the restored tree does not build; stopping", flush=True)
+                return 1
     # The unchanged suite must still pass, or what the faulty runs left behind decided outcomes.
     suite = run_suite(args.build, args.jobs, args.timeout, args.budget, args.labels)
     clean = suite["status"] == 0 and suite["total"] == args.tests
@@ -828,6 +866,7 @@ def main():
     s.add_argument("--size", type=int, required=True)
     s.add_argument("--rev", default="")
     s.add_argument("--out", required=True)
+    s.add_argument("--by-lines", action="store_true")
     for name in ("suite", "run"):
         s = sub.add_parser(name)
         if name == "run":

@@ -3,12 +3,14 @@
 # installer/ and tools/ (a seeded sample from a small table of source rewrites), rebuilds what
 # changed, runs the unit and end-to-end tests, and counts the faults they catch and miss.
 #
-#   scripts/mutate.sh [--rev REV] [--seed N] [--size N] [--sample FILE] [--work DIR]
-#                     [--results DIR] [--jobs N] [--timeout S] [--every]
+#   scripts/mutate.sh [--rev REV] [--seed N] [--size N] [--by-lines] [--sample FILE]
+#                     [--work DIR] [--results DIR] [--jobs N] [--timeout S] [--every]
 #   scripts/mutate.sh --list [--rev REV]        candidate faults by rule and file, no build
 #   scripts/mutate.sh --compare A B             caught before and after on the common faults
 #   scripts/mutate.sh --matrix DIR              which test catches which fault (a run with --every)
 #
+# --by-lines draws the sample spread over the files in proportion to their lines of code (the
+# default draws from all candidate faults alike, so files dense in operators get more).
 # --every runs every test for every fault instead of stopping at the first failure (slower),
 # so that --matrix can tell which tests catch a fault that no other test catches.
 #
@@ -21,8 +23,8 @@ here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/.." && pwd)
 helper="$here/mutate.py"
 
-rev=HEAD seed=14 size=150 sample="" work="" results="" jobs=2 timeout=60 mode=run every=""
-usage() { sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit "${1:-2}"; }
+rev=HEAD seed=14 size=150 sample="" work="" results="" jobs=2 timeout=60 mode=run every="" bylines=""
+usage() { sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit "${1:-2}"; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --rev) rev=$2; shift 2 ;;
@@ -35,6 +37,7 @@ while [ $# -gt 0 ]; do
         --timeout) timeout=$2; shift 2 ;;
         --list) mode=list; shift ;;
         --every) every=--every; shift ;;
+        --by-lines) bylines=--by-lines; shift ;;
         --compare) [ $# -ge 3 ] || usage; exec python3 "$helper" compare "$2" "$3" ;;
         --matrix) [ $# -ge 2 ] || usage; r=$2; [ -d "$r" ] && r=$r/results.jsonl; exec python3 "$helper" matrix "$r" ;;
         -h|--help) usage 0 ;;
@@ -92,7 +95,7 @@ echo "unchanged suite: $tests tests pass in $seconds s; a faulty run is stopped 
 if [ -z "$sample" ]; then
     sample=$results/sample.jsonl
     if [ ! -f "$sample" ]; then
-        python3 "$helper" sample "$src" --seed "$seed" --size "$size" --rev "$short" --out "$sample"
+        python3 "$helper" sample "$src" --seed "$seed" --size "$size" --rev "$short" --out "$sample" $bylines
     fi
 fi
 echo "sample: $sample"

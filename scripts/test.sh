@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks the style (scripts/lint.sh), builds the project twice (plain, and with AddressSanitizer +
-# UndefinedBehaviorSanitizer) and runs every test: unit and end-to-end tests of both builds.
+# UndefinedBehaviorSanitizer) and runs every test: unit and end-to-end tests of both builds, then
+# the coverage build's run against the floors of scripts/coverage.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
@@ -11,6 +12,9 @@ bash scripts/lint.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
+
+# Line coverage (gcov, build-cov/): fails when runtime/, installer/ or tools/ falls under its floor.
+bash scripts/coverage.sh
 
 cmake -S . -B build-asan -DCVINST_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug >/dev/null
 cmake --build build-asan -j"$jobs"
