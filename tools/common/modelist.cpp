@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "tools/common/linelist.h"
+
 std::string modeLine(const ModeEntry& entry) {
     char mode[8];
     snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(entry.mode & 07777));
@@ -28,17 +30,7 @@ int parseModeLine(const std::string& line, ModeEntry* entry) {
 }
 
 size_t parseModeList(const std::string& text, std::vector<ModeEntry>* entries) {
-    size_t number = 0;
-    for (size_t start = 0; start < text.size();) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        number++;
-        ModeEntry entry;
-        if (parseModeLine(text.substr(start, end - start), &entry) != 0) return number;
-        entries->push_back(entry);
-        start = end + 1;
-    }
-    return 0;
+    return parseLineList(text, entries, parseModeLine);
 }
 
 bool modeDiffers(mode_t listed, mode_t actual) {

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "tools/common/linelist.h"
+
 int buildSha256List(const char* program, const std::string& root, const std::vector<std::string>& names,
                     std::string* list) {
     std::vector<std::pair<std::string, std::string>> files;
@@ -56,15 +58,5 @@ int parseSha256Line(const std::string& line, Sha256Entry* entry) {
 }
 
 size_t parseSha256List(const std::string& text, std::vector<Sha256Entry>* entries) {
-    size_t number = 0;
-    for (size_t start = 0; start < text.size();) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        number++;
-        Sha256Entry entry;
-        if (parseSha256Line(text.substr(start, end - start), &entry) != 0) return number;
-        entries->push_back(entry);
-        start = end + 1;
-    }
-    return 0;
+    return parseLineList(text, entries, parseSha256Line);
 }
