@@ -26,7 +26,8 @@ int32_t lockInstallDirectory() {
     int error = errno;
     if (fd >= 0) close(fd);
     if (error == EWOULDBLOCK) {
-        printMessage("Another installation into %s is still running.", gState.installDir);
+        printMessage("Another installation into %s, or a removal of it, is still running.",
+                     gState.installDir);
     } else {
         printMessage("Cannot lock %s for the installation.", gState.installDir);
     }

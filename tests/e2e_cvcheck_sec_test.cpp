@@ -111,7 +111,8 @@ import json, sys; d = json.load(sys.stdin); print(d["counts"]["directories"], d[
               echo "status ${PIPESTATUS[1]}")sh",
          "",
          0,
-         {"^status 2\nCorvane Install: Another installation into $S/i/ is still running.\nstatus 1\n",
+         {"^status 2\nCorvane Install: Another installation into $S/i/, or a removal of it, is still "
+          "running.\nstatus 1\n",
           "[stderr]\ncvcheck: refusing to remove: an installation into $S/i/ is running (it holds the "
           "directory's "
           "lock)\ncvcheck: try again once it has ended\n"},
