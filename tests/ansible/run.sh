@@ -17,7 +17,7 @@
 #       the rollout stops before h3;
 #   rw  base directories another user could change (mode 0777, owned by uid 65534) are refused
 #       before anything is made in them; one on a full file system says "could not unpack";
-#   rt  a variable of the wrong type is refused by the role's argument spec;
+#   rt  a variable of the wrong type is refused by the role's declared variable types (meta/argument_specs.yml);
 #   r10 the plug-in package from a distribution directory on h1 with corvane_eclipse_dir; r11 its
 #       removal takes the Eclipse link file too;
 #   r12 an installer that never ends is stopped by corvane_timeout, and the role's files removed;
@@ -249,7 +249,7 @@ else
   echo "SKIPPED rw h3 (no space left): cannot mount a tmpfs here"
 fi
 
-# A value of the wrong type is refused by the role's argument spec before any task.
+# A value of the wrong type is refused by the role's declared variable types before any task.
 play rt hosts "${yes[@]}" -e corvane_timeout=soon -l h1
 check "rt refused" failed rt h1
 check "rt names the variable" has rt "argument 'corvane_timeout' is of type <class 'str'>"

@@ -157,20 +157,33 @@ int readFileList(Installation* inst, std::string* why) {
     return 0;
 }
 
-int readDigests(Installation* inst, std::string* why) {
+// Reads the side list name of the installation with parseList into entries. 0 (present: whether
+// there is such a list), or 1 with why set; refusal says what a bad line is not and what to do.
+template <typename Entry, typename ParseList>
+int readSideList(const Installation* inst, const char* name, ParseList parseList, const char* refusal,
+                 std::vector<Entry>* entries, bool* present, std::string* why) {
     std::string text;
-    if (readWhole(inst->installFd, kSha256ListName, &text) != 0) {
+    *present = false;
+    if (readWhole(inst->installFd, name, &text) != 0) {
         if (errno == ENOENT) return 0;
-        *why = "cannot read " + inst->install + kSha256ListName + ": " + strerror(errno);
+        *why = "cannot read " + inst->install + name + ": " + strerror(errno);
         return 1;
     }
+    *present = true;
+    size_t bad = parseList(text, entries);
+    if (bad == 0) return 0;
+    *why = inst->install + name + " line " + std::to_string(bad) + refusal;
+    return 1;
+}
+
+int readDigests(Installation* inst, std::string* why) {
     std::vector<Sha256Entry> entries;
-    size_t bad = parseSha256List(text, &entries);
-    if (bad != 0) {
-        *why = inst->install + kSha256ListName + " line " + std::to_string(bad) +
-               " is not a sha256sum line; remove the file to check with the byte sums alone";
+    bool present = false;
+    if (readSideList(inst, kSha256ListName, parseSha256List,
+                     " is not a sha256sum line; remove the file to check with the byte sums alone", &entries,
+                     &present, why) != 0)
         return 1;
-    }
+    if (!present) return 0;
     std::unordered_map<std::string, const Sha256Entry*> byName;
     for (const Sha256Entry& entry : entries) byName[entry.name] = &entry;
     for (ListedFile& file : inst->files) {
@@ -198,19 +211,13 @@ int readDigests(Installation* inst, std::string* why) {
 }
 
 int readModes(Installation* inst, std::string* why) {
-    std::string text;
-    if (readWhole(inst->installFd, kModeListName, &text) != 0) {
-        if (errno == ENOENT) return 0;
-        *why = "cannot read " + inst->install + kModeListName + ": " + strerror(errno);
-        return 1;
-    }
     std::vector<ModeEntry> entries;
-    size_t bad = parseModeList(text, &entries);
-    if (bad != 0) {
-        *why = inst->install + kModeListName + " line " + std::to_string(bad) +
-               " is not a mode line; remove the file to check without modes";
+    bool present = false;
+    if (readSideList(inst, kModeListName, parseModeList,
+                     " is not a mode line; remove the file to check without modes", &entries, &present,
+                     why) != 0)
         return 1;
-    }
+    if (!present) return 0;
     std::unordered_map<std::string, const ModeEntry*> byName;
     for (const ModeEntry& entry : entries) byName[entry.name] = &entry;
     for (ListedFile& file : inst->files) {
