@@ -14,16 +14,7 @@
 #include "installer/maderecord.h"
 #include "installer/state.h"
 #include "runtime/path.h"
-
-namespace {
-
-long long nowMicros() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
-
-}  // namespace
+#include "bench/clock.h"
 
 int main(int argc, char** argv) {
     if (argc != 2) {

@@ -17,6 +17,7 @@
 #include "installer/state.h"
 #include "installer/verify.h"
 #include "runtime/path.h"
+#include "bench/clock.h"
 
 namespace {
 
@@ -32,12 +33,6 @@ int restoreList(const std::string& dir) {
     }
     closedir(listing);
     return result;
-}
-
-long long nowMicros() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
 }  // namespace
