@@ -409,17 +409,22 @@ def end_leftovers():
 SUMMARY = re.compile(r"(\d+)% tests passed, (\d+) tests? failed out of (\d+)")
 
 
-def run_suite(build, jobs, timeout, budget, labels, every=False):
+def run_suite(build, jobs, timeout, budget, labels, every=False, e2e=None):
     """Runs the tests of each label in turn (the unit tests first: they take seconds and catch
     many faults), stopping at the first failure, or with every=True running every test of every
-    label; returns a dict with the number of tests run, the failed and timed-out tests, the
-    failed assertions of the test sources (file:line) and the time taken."""
+    label; e2e, when given, is the list of end-to-end tests to run (none: the label is left out).
+    Returns a dict with the number of tests run, the failed and timed-out tests, the failed
+    assertions of the test sources (file:line) and the time taken."""
     stop = time.strftime("%H:%M:%S", time.localtime(time.time() + budget))
     started = time.time()
     result = {"status": 0, "total": 0, "failed": [], "timeouts": [], "output": ""}
     for label in labels.split("|"):
         cmd = ["ctest", "--test-dir", build, "-j%d" % jobs, "-L", "^%s$" % label,
                "--timeout", str(timeout), "--stop-time", stop, "--no-tests=error"]
+        if label == "e2e" and e2e is not None:
+            if not e2e:
+                continue
+            cmd += ["-R", "^(%s)$" % "|".join(re.escape(n) for n in e2e)]
         cmd += ["--output-on-failure"] if every else ["--stop-on-failure"]
         proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                 start_new_session=True)
@@ -554,9 +559,32 @@ def cmd_suite(args):
     return 0
 
 
+def load_covering(path):
+    """file -> line -> end-to-end tests that execute it, and the number of end-to-end tests."""
+    with open(path) as fh:
+        tests = json.load(fh)["tests"]
+    lines = collections.defaultdict(lambda: collections.defaultdict(set))
+    e2e = [name for name in tests if "/E2E." in name]
+    for name in e2e:
+        for rel, numbers in tests[name].items():
+            for n in numbers:
+                lines[rel][n].add(name)
+    return lines, len(e2e)
+
+
 def cmd_run(args):
     become_subreaper()
     head, sample = load_sample(args.sample)
+    if args.covering:
+        args.covering, args.e2e_count = load_covering(args.covering)
+
+        # Faults on lines that no end-to-end test executes need the whole suite: they go last.
+        def uncovered(f):
+            path = os.path.join(args.src, f["file"])
+            text = read_text(path) if os.path.exists(path) else None
+            place = locate(text, f) if text is not None else None
+            return place is None or not args.covering.get(f["file"], {}).get(text.count("\n", 0, place[0]) + 1)
+        sample.sort(key=uncovered)
     os.makedirs(args.results, exist_ok=True)
     results_path = os.path.join(args.results, "results.jsonl")
     pristine_dir = os.path.join(args.work, "pristine")
@@ -710,7 +738,20 @@ def measure_one(args, f, path, original, pristine_dir, objects):
             record["status"] = "caught-build"
             record["detail"] = failed[0][:160]
         return record
-    suite = run_suite(args.build, args.jobs, args.timeout, args.budget, args.labels, args.every)
+    # With a coverage map, only the end-to-end tests that execute the faulty line run (all of
+    # them when none does: a declaration has no count of its own but may change what runs).
+    e2e, expected = None, args.tests
+    if args.covering:
+        lines = args.covering.get(f["file"], {})
+        first = record["lineno"]
+        last = first + f["to"].count("\n") + original.count("\n", start, end)
+        e2e = sorted(set().union(*(lines.get(n, set()) for n in range(first, last + 1))))
+        if not e2e:
+            e2e = None
+        else:
+            expected = args.tests - args.e2e_count + len(e2e)
+            record["covering"] = len(e2e)
+    suite = run_suite(args.build, args.jobs, args.timeout, args.budget, args.labels, args.every, e2e)
     record["test_seconds"] = suite["seconds"]
     if args.every:
         record["failed"] = suite["failed"]
@@ -721,9 +762,9 @@ def measure_one(args, f, path, original, pristine_dir, objects):
     elif suite["status"] != 0:
         record["status"] = "caught"
         record["detail"] = suite["failed"][0] if suite["failed"] else "ctest status %d" % suite["status"]
-    elif suite["total"] < args.tests:
+    elif suite["total"] < expected:
         record["status"] = "caught"
-        record["detail"] = "only %d of %d tests found" % (suite["total"], args.tests)
+        record["detail"] = "only %d of %d tests found" % (suite["total"], expected)
     else:
         record["status"] = "missed"
     return record
@@ -881,6 +922,7 @@ def main():
             s.add_argument("--tests", type=int, required=True)
             s.add_argument("--baseline-seconds", type=float, default=0)
             s.add_argument("--every", action="store_true")
+            s.add_argument("--covering", help="coverage map of scripts/covermap.py")
         s.add_argument("--jobs", type=int, default=2)
         s.add_argument("--timeout", type=int, default=60)
         s.add_argument("--budget", type=int, default=180)

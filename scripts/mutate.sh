@@ -5,6 +5,7 @@
 #
 #   scripts/mutate.sh [--rev REV] [--seed N] [--size N] [--by-lines] [--sample FILE]
 #                     [--work DIR] [--results DIR] [--jobs N] [--timeout S] [--every]
+#                     [--covering MAP]
 #   scripts/mutate.sh --list [--rev REV]        candidate faults by rule and file, no build
 #   scripts/mutate.sh --compare A B             caught before and after on the common faults
 #   scripts/mutate.sh --matrix DIR              which test catches which fault (a run with --every)
@@ -13,6 +14,9 @@
 # default draws from all candidate faults alike, so files dense in operators get more).
 # --every runs every test for every fault instead of stopping at the first failure (slower),
 # so that --matrix can tell which tests catch a fault that no other test catches.
+# --covering MAP (from scripts/covermap.py on a coverage build of the same revision) runs, for
+# each fault, the unit tests and only the end-to-end tests that execute the faulty line; a fault
+# on a line that no test executes gets the whole suite.
 #
 # The revision's tracked files are exported into a scratch tree (WORK/src, built in WORK/build
 # without optimisation), so the checkout is never touched. Not part of CI: a full run takes the
@@ -23,8 +27,9 @@ here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/.." && pwd)
 helper="$here/mutate.py"
 
+covering=()
 rev=HEAD seed=14 size=150 sample="" work="" results="" jobs=2 timeout=60 mode=run every="" bylines=""
-usage() { sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; exit "${1:-2}"; }
+usage() { sed -n '2,23p' "$0" | sed 's/^# \{0,1\}//'; exit "${1:-2}"; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --rev) rev=$2; shift 2 ;;
@@ -37,6 +42,7 @@ while [ $# -gt 0 ]; do
         --timeout) timeout=$2; shift 2 ;;
         --list) mode=list; shift ;;
         --every) every=--every; shift ;;
+        --covering) covering=(--covering "$(realpath "$2")"); shift 2 ;;
         --by-lines) bylines=--by-lines; shift ;;
         --compare) [ $# -ge 3 ] || usage; exec python3 "$helper" compare "$2" "$3" ;;
         --matrix) [ $# -ge 2 ] || usage; r=$2; [ -d "$r" ] && r=$r/results.jsonl; exec python3 "$helper" matrix "$r" ;;
@@ -102,4 +108,4 @@ echo "sample: $sample"
 echo "results: $results/results.jsonl, summary: $results/summary.txt"
 python3 "$helper" run "$src" "$build" "$sample" "$results" --work "$work" --rev "$rev" \
     --commit "$commit" --tests "$tests" --baseline-seconds "$seconds" --jobs "$jobs" \
-    --timeout "$timeout" --budget "$budget" $every
+    --timeout "$timeout" --budget "$budget" $every "${covering[@]}"

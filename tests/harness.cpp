@@ -65,7 +65,7 @@ RunResult run(Str sandbox, Str command, Str input = "", int statfsErrno = 0) {
     const char* const built[] = {CVINST_BUILT_INSTALLER, CVINST_BUILT_MKDIST, CVINST_BUILT_MESSAGES,
                                  CVINST_DEMO_PAYLOAD, CVINST_DEMO_PLUGIN_PAYLOAD};
     for (size_t i = 0; i < 5; i++) env.push_back(names[i] + std::string(built[i]));
-    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX"})
         if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
     // The helpers of tests/lib.sh first, then the command.
     std::string script = "source " + shq(CVINST_TEST_LIB) + " || exit 125\n" + command;
