@@ -54,32 +54,3 @@ TEST(Confine, LinksInsideAreFollowedLinksOutRefused) {
     EXPECT_EQ(checkConfined(root.c_str(), (root + "missing/d").c_str(), true), 0);  // left to the operation
     fs::remove_all(top);
 }
-
-// The one-call open beneath the root: a link inside is followed, a link out and ".." are left to
-// the walk (EXDEV), a missing name is an ordinary failure that the walk does not take up.
-TEST(Confine, OpenBeneathRoot) {
-    const std::string top = fs::temp_directory_path() / ("cvbeneath." + std::to_string(getpid()));
-    const std::string root = top + "/inst/";
-    fs::create_directories(root + "real");
-    fs::create_directories(top + "/out");
-    std::ofstream(root + "real/f") << "in";
-    std::ofstream(top + "/out/secret") << "out";
-    fs::create_symlink("real/f", root + "in");
-    fs::create_symlink(top + "/out/secret", root + "away");
-    int fd = openBeneathRoot(root.c_str(), "in", O_RDONLY, 0);
-    EXPECT_GE(fd, 0);
-    if (fd >= 0) close(fd);
-    for (const char* name : {"away", "../out/secret"}) {
-        errno = 0;
-        EXPECT_EQ(openBeneathRoot(root.c_str(), name, O_RDONLY, 0), -1) << name;
-        EXPECT_TRUE(confineWalkDecides(errno)) << name << ": " << errno;
-    }
-    errno = 0;
-    EXPECT_EQ(openBeneathRoot(root.c_str(), "missing", O_RDONLY, 0), -1);
-    EXPECT_FALSE(confineWalkDecides(errno));
-    // Through openConfined the link out is refused after the walk, printed.
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(openConfined(root.c_str(), (root + "away").c_str(), O_RDONLY, 0), kConfineRefusedFd);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("leads out of"), std::string::npos);
-    fs::remove_all(top);
-}

@@ -1,5 +1,5 @@
-// Path utilities at the edge that no installation reaches: the root. Trees made parent first and
-// copying are checked by every installation.
+// Copying a file and making a directory with its parents, at the edges that no installation
+// reaches: an unreadable source, a full or missing destination.
 #include "installer/fileutil.h"
 
 #include <gtest/gtest.h>
@@ -7,31 +7,14 @@
 #include <cstdlib>
 #include <string>
 
-#include "installer/state.h"
 #include "runtime/path.h"
-
-namespace {
-
-// The path after one of the editing functions.
-std::string edited(const char* path, void (*edit)(char*)) {
-    char copy[kPathSize];
-    strCopyBounded(copy, path, kPathSize);
-    edit(copy);
-    return copy;
-}
-
-// The root keeps its "/" when trailing ones are stripped, and gets no second one.
-TEST(FileUtil, RootKeepsItsSlash) {
-    EXPECT_EQ(edited("/", stripTrailingSlash), "/");
-    EXPECT_EQ(edited("/", appendSlash), "/");
-}
+#include "tests/scratchdir.h"
 
 // A copy has the bytes and the permission bits of its source; a source that cannot be read or a
 // destination that fills up fails the copy.
 TEST(FileUtil, CopyAndEnsureDirectory) {
-    char name[] = "/tmp/cvinst-fileutil.XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    const std::string dir = name;
+    ScratchDir scratch("cvinst-fileutil");
+    const std::string& dir = scratch.path();
     const std::string from = dir + "/from", to = dir + "/to";
     ASSERT_EQ(system(("printf abc >" + from + " && chmod 751 " + from).c_str()), 0);
     EXPECT_EQ(copyFile(from.c_str(), to.c_str()), 0);
@@ -47,7 +30,4 @@ TEST(FileUtil, CopyAndEnsureDirectory) {
     EXPECT_EQ(ensureDirectory(deep.c_str(), 0), 0);
     EXPECT_EQ(pathExists((dir + "/x/y/z").c_str()), 1);
     EXPECT_EQ(ensureDirectory(deep.c_str(), 1), 0);
-    EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0);
 }
-
-}  // namespace

@@ -1,6 +1,7 @@
 // Platform detection (not part of a run yet) against fake "uname" and "name" programs alone on
 // PATH, and the "-o" override.
 #include "installer/platform.h"
+#include "tests/scratchdir.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -21,16 +22,10 @@ namespace {
 class PlatformTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/cvinst-platform.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir = pattern;
         savedPath = getenv("PATH");
         setenv("PATH", dir.c_str(), 1);  // only the fake programs; the shell itself is /bin/sh
     }
-    void TearDown() override {
-        setenv("PATH", savedPath.c_str(), 1);
-        EXPECT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0);
-    }
+    void TearDown() override { setenv("PATH", savedPath.c_str(), 1); }
     // A fake program from "plain answer;arg=answer;...": the line it prints for no argument and
     // for each argument named; any other argument prints nothing, as a failing query does.
     // Null: no such program.
@@ -48,7 +43,9 @@ protected:
         script << "esac\n";  // written out as the stream closes, before the program is run
         chmod((dir + "/" + name).c_str(), 0755);
     }
-    std::string dir, savedPath;
+    ScratchDir scratch{"cvinst-platform"};
+    const std::string dir = scratch.path();
+    std::string savedPath;
 };
 
 TEST_F(PlatformTest, SystemTypeVersionAndReleaseFromUnameOrTheOverride) {

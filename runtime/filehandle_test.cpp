@@ -5,6 +5,7 @@
 #include "runtime/path.h"
 #include "runtime/pool.h"
 #include "runtime/zipreader.h"
+#include "tests/scratchdir.h"
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -45,24 +46,15 @@ std::pair<int32_t, std::string> readThroughHandle(const std::string& path) {
 // A fresh directory under /tmp, removed with everything in it; archive access is on.
 class FileTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char name[] = "/tmp/cvrt_file_XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        char real[PATH_MAX];
-        ASSERT_NE(realpath(name, real), nullptr);
-        tmp_ = real;
-        fileSetArchiveDecompressor(uncompress);
-    }
-    void TearDown() override {
-        fileSetArchiveDecompressor(nullptr);
-        EXPECT_EQ(system(("rm -rf " + tmp_).c_str()), 0);
-    }
+    void SetUp() override { fileSetArchiveDecompressor(uncompress); }
+    void TearDown() override { fileSetArchiveDecompressor(nullptr); }
     std::string at(const std::string& rel) const { return tmp_ + "/" + rel; }
     std::string put(const std::string& rel, const std::string& bytes) const {  // writes tmp/rel
         EXPECT_TRUE(std::ofstream(at(rel), std::ios::binary) << bytes) << rel;
         return at(rel);
     }
-    std::string tmp_;
+    ScratchDir scratch_{"cvrt_file"};
+    const std::string tmp_ = scratch_.path();
 };
 
 // Permission bits of a path, or -1 when it is not there.

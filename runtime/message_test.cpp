@@ -1,6 +1,7 @@
 // The message file service: lookup, argument markers and the override. Damaged files are the
 // message fuzzer's, and missing ones the end-to-end tests'.
 #include "runtime/message.h"
+#include "tests/scratchdir.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -35,9 +36,8 @@ std::string messageFile(const std::vector<std::pair<int32_t, std::string>>& entr
 }
 
 TEST(MessageTest, LookupMarkersAndOverride) {
-    char dir[] = "/tmp/msgtestXXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/test.cvb";
+    ScratchDir dir("msgtest");
+    const std::string path = dir.at("test.cvb");
     std::ofstream(path, std::ios::binary) << messageFile({
         {0, "Error"},
         {-12, "a%sxb"},
@@ -46,7 +46,7 @@ TEST(MessageTest, LookupMarkersAndOverride) {
         {-16, "ends in %s"},
         {-17, "%d %s1"},
     });
-    setMessageFile((std::string(dir) + "/").c_str(), "test.cvb");
+    setMessageFile((dir.path() + "/").c_str(), "test.cvb");
     reloadMessageFile();
     const int kKeep = -1;  // slot value: leave the arguments as they are
     const struct {
@@ -75,10 +75,8 @@ TEST(MessageTest, LookupMarkersAndOverride) {
     EXPECT_STREQ(getMessage(-2), "busy %s1 100%%");
     setMessageOverride(1, "");
     char program[512];
-    EXPECT_EQ(getProgramDirectory(program, path.c_str()), int32_t(std::strlen(dir)) + 1);
-    EXPECT_EQ(std::string(program), std::string(dir) + "/");
-    unlink(path.c_str());
-    rmdir(dir);
+    EXPECT_EQ(getProgramDirectory(program, path.c_str()), int32_t(dir.path().size()) + 1);
+    EXPECT_EQ(std::string(program), dir.path() + "/");
 }
 
 }  // namespace

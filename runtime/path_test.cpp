@@ -1,6 +1,7 @@
 // The environment snapshot, the current directory and existence, absolute paths and link
 // resolution, and the search along a list of directories.
 #include "runtime/path.h"
+#include "tests/scratchdir.h"
 
 #include <gtest/gtest.h>
 
@@ -80,11 +81,6 @@ std::string physicalCwd() {
 class PathTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char name[] = "/tmp/cvrt_path_XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        char real[PATH_MAX];
-        ASSERT_NE(realpath(name, real), nullptr);
-        tmp_ = real;
         start_ = physicalCwd();
         const std::string make = "cd " + tmp_ +
                                  " && mkdir real sub a b d1 d3 d4 && touch t b/file d3/tool d4/c d4/cc"
@@ -92,12 +88,9 @@ protected:
                                  " && ln -s sub sublink && ln -s ../b/file a/link && ln -s real dirlink";
         ASSERT_EQ(system(make.c_str()), 0);
     }
-    void TearDown() override {
-        EXPECT_EQ(changeDirectory(start_.c_str()), 0);
-        EXPECT_EQ(system(("rm -rf " + tmp_).c_str()), 0);
-    }
+    void TearDown() override { EXPECT_EQ(changeDirectory(start_.c_str()), 0); }
     // "@" in text stands for the temporary directory.
-    std::string at(const std::string& rel) const { return tmp_ + "/" + rel; }
+    std::string at(const std::string& rel) const { return scratch_.at(rel); }
     std::string expand(const std::string& text) const {
         std::string out;
         for (char c : text) out += c == '@' ? tmp_ : std::string(1, c);
@@ -108,7 +101,9 @@ protected:
         EXPECT_EQ(getCurrentDirectory(out, 0, logical), 0);
         return out;
     }
-    std::string tmp_, start_;
+    ScratchDir scratch_{"cvrt_path"};
+    const std::string tmp_ = scratch_.path();
+    std::string start_;
 };
 
 TEST_F(PathTest, CurrentDirectoryAndExistence) {

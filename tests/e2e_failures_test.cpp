@@ -11,8 +11,6 @@ namespace {
 const std::string kPlain =
     R"sh(grep -q __asan_init "$D/cvinst" && { echo 'skip: the sanitized installer does not run under this limit'; exit 77; }; )sh";
 const std::string kLimited = kPlain + "ulimit -v 1048576; inst d inst";
-// A sparse file of 200 TB, more than any address space holds.
-const std::string kHuge = "mnt m size=1m && truncate -s 200T m/huge";
 const std::string kNullOk = "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}allocator_may_return_null=1 ";
 const std::string kInst = "inst dist inst";
 const std::string kMine = R"sh(nobody "$D/cvinst" -d -post-install -destination-dir "$S/mine/inst")sh";
@@ -97,9 +95,6 @@ E2E_CASES(
     opened("shipped_alias_is_a_directory",
            without("$alias.crv", "echo bind >inst/alias.crv && mkdir 'inst/$alias.crv'"), kSubst, 1,
            {msg("Cannot read file $S/inst/$alias.crv."), "!" + kDone}),
-    opened("alias_too_big", "mkdir inst && " + kHuge + R"sh( && ln -s "$S/m/huge" inst/alias.crv)sh",
-           kNullOk + kInst, 0, {msg("Cannot update $S/inst/alias.crv."), kDone},
-           {"! test -e inst/bin/corv.ini", "test -e 'inst/$alias.crv'"}),
     Case{"corv_ini_is_a_directory",
          "mkdir -p inst/bin/corv.ini",
          kInst,

@@ -62,10 +62,9 @@ std::string lineOf(Str text) {
     return "printf %s " + shq(text);
 }
 
-// An earlier installation in $S/inst: its files are backed up, its alias file merged.
+// The question that an earlier installation's configuration files bring up.
 const std::string kBackupQ =
     "Some old global configuration files have been found.\nDo you want a backup of these files [Y]? ";
-const std::string kDirForOld = "Directory for old configuration files [$S/inst/old]: ";
 
 // Macro compilation with the demo translator, which logs every run in bin/cvtw.log. The blank in
 // the installation directory shows that the commands quote their paths.
@@ -274,28 +273,6 @@ E2E_CASES(
           "CORVMACROS=%CVROOT%macros/\nCORVINCLUDE=%CVROOT%macros/\nCORVMISC=%CVROOT%\nCORVBIN=%CVROOT%bin/\n"
           "CORVBITMAPS=%CVROOT%bitmaps/\n"
           "; Set CORVXNOBLINK to 1 to stop blinking cursor and reduce network traffic.\n;CORVXNOBLINK=1\n"}}},
-    // Asked for the backup, with the directory answered ending in "/": the old files go there, the
-    // user's alias file is merged with the shipped one.
-    Case{
-        "backup_answered_slash",
-        "mkdir -p inst/existing",
-        "inst dist inst ",
-        kOpen + "y\n$S/bk3/\n",
-        0,
-        {kBackupQ + kDirForOld, "!Backup directory already exists.\nReplace files [Y]?" + kDirForOld},
-        {R"sh([ "$(cat bk3/corv.ini)" = 'old settings' ])sh", R"sh([ "$(cat bk3/unixc.api)" = 'old api' ])sh",
-         "[ $(ls -A bk3 | wc -l) = 2 ]", "! grep -q old inst/bin/corv.ini", "! test -e 'inst/$alias.crv'",
-         R"sh([ "$(cat inst/uproject.crv)" = "the user's project" ])sh",
-         R"sh(cmp inst/alias.crv <(printf '%s\n' 'see functioncomment here'; cat "$P/\$alias.crv"))sh"},
-        {{"$S/inst/bin/corv.ini", "old settings\n"},
-         {"$S/inst/unixc.api", "old api\n"},
-         {"$S/inst/uproject.crv", "the user's project\n"},
-         {"$S/inst/alias.crv", "see functioncomment here\n"}}},
-    // The list's last line needs no line feed.
-    macros("batch", R"sh(printf 'main.e\nkeys.e' >t/cmacros.lst)sh",
-           {kCompiling, ">>> Compiling macros: command='$S/m m/bin/'cvtw '$S/m m/macros/'main.e -L keys.e\n"},
-           {"main.e", "keys.e"}, "tags.ex search.ex", "[$S/m m/bin/cvtw][$S/m m/macros/main.e][-L][keys.e]",
-           false),
     macros("batch_fails_one_by_one",
            R"sh(printf 'main.e\nbad.e\n' >t/cmacros.lst && echo 'broken(' >t/macros/bad.e)sh",
            {kCompiling, kAll}, {"main.e", "keys.e", "tags.e", "search.e"}, "bad.ex",

@@ -1,10 +1,9 @@
-// The mode list of a payload and the checker added to it.
+// The checker added to a payload: in place of the payload's own, and from a private copy.
 #include "tools/cvmkdist/modes.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <fstream>
 
 #include "tools/cvmkdist/util.h"
@@ -17,9 +16,6 @@ protected:
         ASSERT_EQ(makeWorkDirectory(&root_), 0);
         ASSERT_EQ(mkdir((root_ + "/bin").c_str(), 0750), 0);
         std::ofstream(root_ + "/bin/cvtw") << "translator";
-        std::ofstream(root_ + "/notes") << "text";
-        ASSERT_EQ(chmod((root_ + "/bin/cvtw").c_str(), 0755), 0);
-        ASSERT_EQ(chmod((root_ + "/notes").c_str(), 0640), 0);
         ASSERT_EQ(walkPayload(root_, {}, &payload_), 0);
     }
     void TearDown() override { removeTree(root_); }
@@ -28,23 +24,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(Modes, ListsFilesAndDirectoriesByName) {
-    std::string list;
-    ASSERT_EQ(buildModeList(payload_, &list), 0);
-    EXPECT_EQ(list, "0750 root bin/\n0755 root bin/cvtw\n0640 root notes\n");
-}
-
-TEST_F(Modes, CheckerGoesIntoBin) {
-    std::ofstream(root_ + "/checker") << "checker";
-    ASSERT_EQ(chmod((root_ + "/checker").c_str(), 0700), 0);
-    addChecker(root_ + "/checker", &payload_);
-    std::string list;
-    ASSERT_EQ(buildModeList(payload_, &list), 0);
-    // Packed with the added file's mode, whatever the mode of the file it comes from.
-    EXPECT_NE(list.find("0755 root bin/cvcheck\n"), std::string::npos) << list;
-    EXPECT_EQ(entrySource(payload_, payload_.entries.back()), root_ + "/checker");
-}
 
 TEST_F(Modes, CheckerReplacesThePayloadsOwn) {
     std::ofstream(root_ + "/bin/cvcheck") << "old";
