@@ -739,9 +739,11 @@ def measure_one(args, f, path, original, pristine_dir, objects):
             record["detail"] = failed[0][:160]
         return record
     # With a coverage map, only the end-to-end tests that execute the faulty line run (all of
-    # them when none does: a declaration has no count of its own but may change what runs).
+    # them when none does: a declaration has no count of its own but may change what runs). A
+    # fault in a program that the build itself runs (cvmkdist packs the demo distribution, cvbc
+    # compiles its message file) reaches every test through what it built: all of them run.
     e2e, expected = None, args.tests
-    if args.covering:
+    if args.covering and not re.search(r"Linking \S+ executable bin/(cvmkdist|cvbc)$", log, re.M):
         lines = args.covering.get(f["file"], {})
         first = record["lineno"]
         last = first + f["to"].count("\n") + original.count("\n", start, end)
