@@ -104,7 +104,8 @@ const std::string kGive = "Give the directory that holds the Eclipse or WebSpher
 
 E2E_CASES(InstallDir,
           dir("interactive", "cvinst", "$S/inst\n\n", 0,
-              {kAgree, kPrompt, "\nDirectory $S/inst/ does not exist. Create [Y]? ",
+              {"\n\nEstimated disk space needed:  167 MB (including 25 MB for tag files)\n\n" + kPause,
+               kAgree, kPrompt, "\nDirectory $S/inst/ does not exist. Create [Y]? ",
                "Skipping disk space check.", "\ndone\n", kDone,
                line(R"(1. Type "$S/inst/bin/cv" to run Corvane.)")},
               {"test -L inst/bin/cvt"}),
