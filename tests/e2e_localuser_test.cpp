@@ -44,8 +44,8 @@ std::string systemDir(Str dir) {
 // name printed is the one the kernel resolves (as /bin may be /usr/bin).
 Case system(Str name, Str dir, Str shown) {
     Lines out = {shown.empty() ? " is one of the system's own directories: " : systemDir(shown), kDone2};
-    return row(name, "fake", "PATH=$S/fake:$PATH \"$D/cvinst\" -d -post-install -destination-dir " + dir, 1,
-               out, {"! test -e tar.started"});
+    return row(name, "fake", R"sh(PATH=$S/fake:$PATH "$D/cvinst" -d -post-install -destination-dir )sh" + dir,
+               1, out, {"! test -e tar.started"});
 }
 const std::string kSecret = R"sh(echo secret-7f3a >secret && chmod 600 secret)sh";
 const std::string kNoSecret = R"sh(! grep -rqs secret-7f3a i i/alias.crv i/rescue.stu)sh";
