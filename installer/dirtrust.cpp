@@ -46,6 +46,14 @@ void describeOwner(unsigned uid, char* out, size_t size) {
     }
 }
 
+// Why a directory that exists could be changed by another user than root: 1 when owned by
+// another user, 2 when others may write it (with the sticky bit only when stickyCounts), else 0.
+int32_t untrustedReason(unsigned ownerUid, unsigned mode, bool stickyCounts) {
+    if (ownerUid != 0) return 1;
+    if ((mode & S_IWOTH) != 0 && !(stickyCounts && (mode & S_ISVTX) != 0)) return 2;
+    return 0;
+}
+
 // Refuses dir when another user could change it; 0 when it is root's alone.
 int32_t refuseIfUntrusted(const char* dir, const struct stat& info, bool stickyCounts) {
     int32_t reason = untrustedReason(info.st_uid, info.st_mode, stickyCounts);
@@ -124,14 +132,9 @@ int32_t checkPath(const char* canonical, bool lastIsTarget) {
     }
 }
 
-}  // namespace
-
-int32_t untrustedReason(unsigned ownerUid, unsigned mode, bool stickyCounts) {
-    if (ownerUid != 0) return 1;
-    if ((mode & S_IWOTH) != 0 && !(stickyCounts && (mode & S_ISVTX) != 0)) return 2;
-    return 0;
-}
-
+// True when the canonical path (no trailing "/" except for "/" itself) is "/" or one of the
+// directories the system keeps its own files in ("/usr", "/usr/lib", "/var", "/etc", ...).
+// Directories below them with a name of their own ("/opt/corvane", "/usr/local/corvane") are not.
 bool isSystemDirectory(const char* canonical) {
     if (strcmp(canonical, "/") == 0) return true;
     if (canonical[0] != '/') return false;
@@ -142,6 +145,8 @@ bool isSystemDirectory(const char* canonical) {
     if (strncmp(rest, "usr/", 4) == 0 && isLibFamily(rest + 4)) return true;
     return strncmp(rest, "usr/local/", 10) == 0 && isLibFamily(rest + 10);
 }
+
+}  // namespace
 
 int32_t checkInstallDirectoryTrust(const char* installDir) {
     if (geteuid() != 0) return 0;

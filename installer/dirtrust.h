@@ -10,12 +10,3 @@
 // be written by other users, and installDir is not one of the system's own directories; else 1
 // after one message naming the directory and what to do. Not as root: always 0.
 int32_t checkInstallDirectoryTrust(const char* installDir);
-
-// True when the canonical path (no trailing "/" except for "/" itself) is "/" or one of the
-// directories the system keeps its own files in ("/usr", "/usr/lib", "/var", "/etc", ...).
-// Directories below them with a name of their own ("/opt/corvane", "/usr/local/corvane") are not.
-bool isSystemDirectory(const char* canonical);
-
-// Why a directory that exists could be changed by another user than root: 1 when owned by
-// another user, 2 when others may write it (with the sticky bit only when stickyCounts), else 0.
-int32_t untrustedReason(unsigned ownerUid, unsigned mode, bool stickyCounts);
